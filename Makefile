@@ -1,0 +1,26 @@
+# The front door: `make demo` builds and runs the demo agent, `make test`
+# builds and runs every test. Both install missing Debian packages first.
+BUILD ?= build
+JOBS ?= $(shell nproc)
+CMAKE_FLAGS ?=
+
+.PHONY: deps configure build demo test clean
+
+deps:
+	@scripts/install-deps.sh
+
+configure: deps
+	cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo $(CMAKE_FLAGS)
+
+build: configure
+	cmake --build $(BUILD) -j $(JOBS)
+
+demo: configure
+	cmake --build $(BUILD) -j $(JOBS) --target zelta_hello
+	$(BUILD)/examples/zelta_hello
+
+test: build
+	ctest --test-dir $(BUILD) --output-on-failure -j $(JOBS)
+
+clean:
+	rm -rf $(BUILD)

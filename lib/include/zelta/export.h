@@ -1,0 +1,18 @@
+// Symbol visibility and the library's always-on assertion.
+//
+// The library is built with hidden visibility: only what carries ZELTA_EXPORT
+// is part of the shared object's interface.
+#ifndef ZELTA_EXPORT_H_
+#define ZELTA_EXPORT_H_
+
+#define ZELTA_EXPORT __attribute__((visibility("default")))
+
+extern "C" void __assert_fail(const char* assertion, const char* file, unsigned int line,
+                              const char* function) noexcept __attribute__((__noreturn__));
+
+// Programming errors abort the process with a fixed expression text, whatever
+// NDEBUG says: the texts are part of the library's behaviour.
+#define ZELTA_ASSERT(cond, text) \
+  ((cond) ? static_cast<void>(0) : __assert_fail(text, __FILE__, __LINE__, __PRETTY_FUNCTION__))
+
+#endif  // ZELTA_EXPORT_H_

@@ -1,0 +1,72 @@
+// Logging channels: a process-wide registry of named channels, each with a
+// maximum level. The library logs on the channel "libzelta", which exists from
+// library load at level WARNING.
+//
+// Thread safety: any thread may call LogChannel::append; each channel's mutex
+// keeps its lines whole. A message above the channel's level is dropped before
+// any lock, clock reading or formatting. add(), remove() and
+// setLevelFromString() change the registry itself and are meant for start-up,
+// while no other thread logs.
+#ifndef ZELTA_LOGGING_H_
+#define ZELTA_LOGGING_H_
+
+#include <pthread.h>
+
+#include <map>
+#include <string>
+
+#include "zelta/export.h"
+
+namespace Quorvel::Kvan {
+
+// Log level of a message or a channel; lower is more severe.
+enum EventType : int { ERROR = 0, WARNING = 1, INFO = 2, DEBUG = 3, VERBOSE = 4 };
+
+// One named channel. Lines of one channel never interleave.
+class ZELTA_EXPORT LogChannel {
+ public:
+  LogChannel(const std::string& name, EventType level);
+  LogChannel(const LogChannel&) = delete;
+  LogChannel& operator=(const LogChannel&) = delete;
+
+  // Writes one line when `level` is not above the channel's level: DEBUG to
+  // standard output, every other level to standard error, ERROR in bold red
+  // and WARNING in bold yellow. Returns the line as written (cut at 999
+  // characters), or "" when the level is filtered out.
+  std::string append(EventType level, const char* format, ...) __attribute__((format(printf, 3, 4)));
+
+  std::string name;
+  EventType level;
+  pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
+};
+
+// The registry of channels, ordered by name.
+class ZELTA_EXPORT Logging {
+ public:
+  // Creates the registry with the channel "libzelta" at WARNING.
+  Logging();
+  ~Logging();
+  Logging(const Logging&) = delete;
+  Logging& operator=(const Logging&) = delete;
+
+  // Adds a channel; false (and nothing changed) when the name exists.
+  bool add(const std::string& name, EventType level);
+  // Removes a channel; false when there was none. The channel must not be in
+  // use by another thread.
+  bool remove(const std::string& name);
+  // REQUIRES: the channel exists; an unknown name throws std::out_of_range.
+  LogChannel& operator[](const std::string& name);
+  // "name<sep>level": sets the level of an existing channel to DEBUG (3) or
+  // VERBOSE (4) only. Any other text or level returns false and changes nothing.
+  bool setLevelFromString(const std::string& spec, char separator);
+
+ private:
+  std::map<std::string, LogChannel> channels_;
+};
+
+// The one registry of the process.
+ZELTA_EXPORT extern Logging Log;
+
+}  // namespace Quorvel::Kvan
+
+#endif  // ZELTA_LOGGING_H_

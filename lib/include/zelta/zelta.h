@@ -1,0 +1,10 @@
+// Everything libzelta offers, in one include.
+#ifndef ZELTA_ZELTA_H_
+#define ZELTA_ZELTA_H_
+
+#include "zelta/common.h"
+#include "zelta/crypto.h"
+#include "zelta/logging.h"
+#include "zelta/tabledef.h"
+
+#endif  // ZELTA_ZELTA_H_

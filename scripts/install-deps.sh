@@ -1,0 +1,30 @@
+#!/usr/bin/env bash
+# Installs the Debian packages that building and testing libzelta need, when
+# any is missing. Extra package names may be given as arguments.
+set -euo pipefail
+
+packages=(cmake g++ make pkg-config libgtest-dev libgmock-dev libbenchmark-dev libsnmp-dev snmp snmpd "$@")
+missing=()
+for p in "${packages[@]}"; do
+  if ! dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed"; then
+    missing+=("$p")
+  fi
+done
+[ ${#missing[@]} -eq 0 ] && exit 0
+
+if [ "$(id -u)" -ne 0 ]; then
+  if command -v sudo >/dev/null 2>&1; then
+    sudo="sudo"
+  else
+    echo "install-deps: missing packages: ${missing[*]}" >&2
+    echo "install-deps: run as root (or install them with apt-get) and try again" >&2
+    exit 1
+  fi
+else
+  sudo=""
+fi
+echo "install-deps: installing ${missing[*]}"
+$sudo apt-get update -qq
+DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
+# The stock daemon is only a test peer: never leave it running on port 161.
+if command -v service >/dev/null 2>&1; then $sudo service snmpd stop >/dev/null 2>&1 || true; fi
