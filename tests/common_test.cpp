@@ -74,7 +74,8 @@ TEST(CommonStrings, SmallHelpers) {
 
 TEST(CommonNumbers, IsIntegerNeedsTheWholeText) {
   for (std::string yes : {" 42 ", "-7", "12\n", "+5", "2147483647", "-2147483648"}) EXPECT_TRUE(isInteger(yes)) << yes;
-  for (std::string no : {"", "4x", "4.0", "0x10", "99999999999", "2147483648", " ", "-"}) EXPECT_FALSE(isInteger(no)) << no;
+  for (std::string no : {"", "4x", "4.0", "0x10", "99999999999", "2147483648", " ", "-"})
+    EXPECT_FALSE(isInteger(no)) << no;
 }
 
 TEST(CommonNumbers, ToNumberReadsAPrefixAndSaturates) {

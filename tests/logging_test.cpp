@@ -42,7 +42,8 @@ TEST_F(LoggingTest, WarningLineIsColouredOnStderrWithRawMicroseconds) {
   EXPECT_EQ(out, "");
   EXPECT_EQ(err, line);
   // Timestamp "%Y%m%d%H%M%S", then the microseconds through "%03lu" (3 to 6 digits).
-  std::regex expected("\033\\[01;33m[0-9]{14}\\.[0-9]{3,6} \\[t\\] ParamManager: - skip invalid key 'a\\.b'\n\033\\[00m");
+  std::regex expected(
+      "\033\\[01;33m[0-9]{14}\\.[0-9]{3,6} \\[t\\] ParamManager: - skip invalid key 'a\\.b'\n\033\\[00m");
   EXPECT_TRUE(std::regex_match(line, expected)) << line;
 }
 

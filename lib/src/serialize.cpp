@@ -15,7 +15,9 @@ const char kSafeSet[] = " #$%&()*+,-./:;<>?@[]^_{|}~";
 
 // ASCII rules whatever the host's locale: the file format must not change
 // with LC_CTYPE.
-bool isAsciiAlnum(unsigned char c) { return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z'); }
+bool isAsciiAlnum(unsigned char c) {
+  return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
+}
 
 bool isAsciiPrint(unsigned char c) { return c >= 0x20 && c < 0x7F; }
 

@@ -7,8 +7,8 @@
 
 #define ZELTA_EXPORT __attribute__((visibility("default")))
 
-extern "C" void __assert_fail(const char* assertion, const char* file, unsigned int line,
-                              const char* function) noexcept __attribute__((__noreturn__));
+extern "C" void __assert_fail(const char* assertion, const char* file, unsigned int line, const char* function) noexcept
+    __attribute__((__noreturn__));
 
 // Programming errors abort the process with a fixed expression text, whatever
 // NDEBUG says: the texts are part of the library's behaviour.
