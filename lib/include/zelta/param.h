@@ -1,1 +1,195 @@
-// placeholder
+// Parameters and their groups.
+//
+// A Param is one named, typed configuration value of the device. It owns its
+// Variant, belongs to exactly one ParamGroup (the unit of persistence: one
+// text file), may be published over SNMP through an SNMPInfo, and carries the
+// host's hooks: a validator, a filler and post-set hooks.
+//
+// Thread safety: setValue() and getValueCopy() may be called from any thread,
+// also while the SNMP agent serves requests and groups save; they take the
+// library's value lock. Validators, fillers and post-set hooks run on the
+// thread that made the change (the agent thread for SNMP writes) with that
+// lock held, so they may call setValue() on any parameter. getValue() returns
+// a reference for the host's start-up code and for hooks; from other threads
+// use getValueCopy().
+#ifndef ZELTA_PARAM_H_
+#define ZELTA_PARAM_H_
+
+#include <atomic>
+#include <cstdio>
+#include <functional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "zelta/export.h"
+#include "zelta/mibtypes.h"
+#include "zelta/tabledef.h"
+
+namespace Quorvel::Kvan {
+
+class ParamGroup;
+
+// Whether changes of a parameter are written to its group's file.
+enum ParamSavePolicy : int {
+  SAVE_ON_CHANGE = 0,  // saved with its group; a change schedules the group's save
+  NEVER_SAVE = 1,      // never written; changes do not tell the group
+};
+
+// One named, typed parameter. Neither copied nor moved: its value's listener
+// and its group point at it.
+class ZELTA_EXPORT Param : public IChangeListener {
+ public:
+  // (min, max); NO_RANGE in either member means no range.
+  using Range = std::pair<unsigned long, unsigned long>;
+
+  // With an explicit initial value (its kind should match `type`).
+  Param(ParamGroup& group, ValueType type, Variant value, SNMP::SNMPInfo* snmpInfo,
+        ParamSavePolicy policy = SAVE_ON_CHANGE, Range range = Range(NO_RANGE, NO_RANGE));
+  // With the default value of `type`.
+  Param(ParamGroup& group, ValueType type, SNMP::SNMPInfo* snmpInfo, ParamSavePolicy policy = SAVE_ON_CHANGE,
+        Range range = Range(NO_RANGE, NO_RANGE));
+  virtual ~Param();
+  Param(const Param&) = delete;
+  Param& operator=(const Param&) = delete;
+
+  void setName(const std::string& name);
+  std::string getName() const;
+  ParamGroup* getGroup() const { return group; }
+  ValueType getType() const { return type; }
+  ParamSavePolicy getSavePolicy() const { return savePolicy; }
+  const Range& getRange() const { return range; }
+  Variant& getValue() { return value; }
+  const Variant& getValue() const { return value; }
+  // A consistent copy of the value, safe from any thread.
+  Variant getValueCopy() const;
+  SNMP::SNMPInfo* getSnmpInfo() const { return snmpInfo; }
+  bool isSnmpEntry() const { return snmpInfo != nullptr; }
+
+  // Silent writes: no validation, no notice, no save, no hook. The kind must
+  // match the held one (asserted by the Variant). Safe from any thread.
+  void setValue(const int& v);
+  void setValue(const long& v);
+  void setValue(TimeTicksValue& v);
+  void setValue(const unsigned char (&v)[8]);
+  void setValue(const char* v);
+  void setValue(std::string& v);
+  void setValue(const Table& v);
+  void setValue(const Variant& v);
+
+  void setValidator(const std::function<bool(const Variant&, const ExtraInfo*)>&& validator);
+  void setFiller(const std::function<bool(Variant&, const ExtraInfo*)>&& filler);
+  void addPostSet(const std::function<void(const Variant&, const ExtraInfo*)>&& hook);
+
+  // IChangeListener: the SNMP side's way in.
+  bool fill(Variant& v, const ExtraInfo* info) override;
+  bool validate(const Variant& v, const ExtraInfo* info) override;
+  void onChange(const std::string& reason, const ExtraInfo* info) override;
+  // Tells the group (save policy, active group, table actions 3..5), runs the
+  // post-set hooks while the group is active, then deletes `info`.
+  void notifyAll(const std::string& reason, const ExtraInfo* info);
+
+  // Writes one cell of a table parameter and mirrors it into the SNMP table.
+  // False only for a non-table parameter or a value kind that no cell takes.
+  bool setTableCellValue(const RowIdx& idx, const unsigned int& column, const Variant& v);
+  // Copies one cell into `out` (UNDEFINED or of the cell's kind); false when
+  // the row or the cell is missing.
+  bool getTableCellValue(const RowIdx& idx, const unsigned int& column, Variant& out);
+  // True for an index column or the RowStatus column of `def`.
+  static bool isSpecialColumn(TableDef* def, unsigned int column);
+
+  // The SNMP object of this parameter, or null when it is not published.
+  // REQUIRES: a published parameter has its entry (asserted).
+  template <class T>
+  T* snmpEntryAs() {
+    if (!isSnmpEntry()) return nullptr;
+    return snmpInfo->entryAs<T>();
+  }
+
+  // Writes this parameter's lines into a group file: nothing for NEVER_SAVE,
+  // the table's rows for TABLE, one single-value line otherwise.
+  void save(FILE* file);
+  void saveScalar(FILE* file);
+  void saveTable(FILE* file);
+  // The triplets of one row, each followed by a blank.
+  std::string flattenTableRow(TableDef* def, TableRow& row);
+  // The lines save() would write, without the file.
+  std::string toFileText();
+
+ private:
+  void fillValue(const Variant& initial);
+  void fillWithDefaultValue();
+  void fillSnmpInfo();
+  std::string scalarText();
+  std::string tableText();
+
+  std::string name;
+  std::function<bool(const Variant&, const ExtraInfo*)> validator;
+  std::function<bool(Variant&, const ExtraInfo*)> filler;
+  std::vector<std::function<void(const Variant&, const ExtraInfo*)>> postSets;
+  ParamGroup* group;
+  SNMP::SNMPInfo* snmpInfo;
+  Variant value;
+  ValueType type;
+  ParamSavePolicy savePolicy;
+  Range range;
+};
+
+// A named set of parameters stored together in one text file, saved about two
+// seconds after the last announced change by a short-lived worker thread.
+// Groups live for the life of the process: destroying one while its worker
+// counts down is not supported.
+class ZELTA_EXPORT ParamGroup {
+ public:
+  // Placeholder "__NO_NAME__" with no file; it exists to be assigned over.
+  ParamGroup();
+  // A file path of "__NO_NAME__" derives the path from the name: blanks
+  // become "_" and ".txt" is appended.
+  ParamGroup(const std::string& name, const std::string& filePath = "__NO_NAME__");
+  // Copies name, path, parameter list and active flag; never the countdown.
+  ParamGroup(const ParamGroup& other);
+  // Copies name, path and parameter list; the active flag stays as it was.
+  ParamGroup& operator=(const ParamGroup& other);
+
+  void setParams(const std::string& name, const std::string& filePath);
+  const std::string& getName() const { return name; }
+  const std::string& getFilePath() const { return filePath; }
+  const std::vector<Param*>& getParams() const { return params; }
+
+  // While inactive, parameter changes neither schedule a save nor run hooks.
+  void setActiveMode(bool isActive) { active = isActive; }
+  bool isActive() const { return active; }
+
+  // Enrols a parameter once; a second enrolment only prints a trace marker.
+  void addOwnedParam(Param* param);
+
+  // Writes the file now. False when it cannot be opened for writing.
+  // REQUIRES: the group has a name (not "__NO_NAME__"; asserted).
+  bool save();
+  // Logs the change and (re)starts the two-tick auto-save countdown.
+  void onChange(Param* param, const std::string& reason, const ExtraInfo* info);
+
+  // When true, save() writes a temporary file in the same directory, syncs it
+  // and renames it over the old file, then syncs the directory, so that a
+  // power cut leaves either the old or the new complete file. Off by default.
+  void setAtomicSave(bool enabled) { atomicSave = enabled; }
+  bool isAtomicSave() const { return atomicSave; }
+  // True while an auto-save countdown or its save runs.
+  bool isWorkerRunning() const { return workerRunning.load(); }
+
+ private:
+  void workerCode();
+  bool writeFile(const std::string& text);
+
+  std::string name;
+  std::string filePath;
+  std::vector<Param*> params;
+  std::atomic<int> ticks{0};
+  std::atomic<bool> workerRunning{false};
+  std::atomic<bool> active{true};
+  bool atomicSave = false;
+};
+
+}  // namespace Quorvel::Kvan
+
+#endif  // ZELTA_PARAM_H_

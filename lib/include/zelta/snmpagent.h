@@ -1,1 +1,87 @@
-// placeholder
+// The SNMP agent of the library: a thread of its own that opens a UDP port and
+// serves the SNMP object of every published parameter of a ParamManager, with
+// the standard snmp, target, notification and system groups.
+//
+// Thread safety: start(), stop() and waitForFinish() may be called from any
+// host thread. Every MIB callback, and so every validator, filler and post-set
+// hook reached over SNMP, runs on the agent thread. One agent runs per process
+// at a time; a second start() while one runs fails with a WARNING.
+#ifndef ZELTA_SNMPAGENT_H_
+#define ZELTA_SNMPAGENT_H_
+
+#include <atomic>
+#include <memory>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "zelta/export.h"
+#include "zelta/mibtypes.h"
+
+namespace Quorvel::Kvan {
+class ParamManager;
+
+namespace SNMP {
+
+// Serves the published parameters of a ParamManager over SNMP.
+class ZELTA_EXPORT SNMPAgent {
+ public:
+  // Who may talk to the agent and what it tells about itself.
+  struct Options {
+    int port = 161;                      // UDP port to listen on
+    std::string listenAddress;           // IPv4 address to bind; "" = all IPv4 interfaces
+    std::string roCommunity = "public";  // read-only community; "" = none
+    std::string rwCommunity = "vorpal";  // read-write community (the one SNMPClient uses); "" = none
+    std::string v3User;                  // SNMPv3 USM user (SHA auth, AES priv); "" = no v3 user
+    std::string v3AuthPassphrase;        // at least 8 characters when v3User is set
+    std::string v3PrivPassphrase;        // at least 8 characters when v3User is set
+    std::string engineId;                // SNMP engine ID text; "" = Net-SNMP's default
+    bool systemGroup = true;             // serve SNMPv2-MIB system group (sysDescr, sysUpTime, ...)
+    std::string sysDescr = "libzelta agent";  // system.sysDescr
+    std::string sysName;                      // system.sysName; "" = host name
+    std::string sysContact;                   // system.sysContact
+    std::string sysLocation;                  // system.sysLocation
+    std::string persistentDir;  // where the engine may keep state; "" = a private temporary directory
+  };
+
+  // No I/O: the port is opened by the agent thread.
+  SNMPAgent(ParamManager* manager, int port);
+  SNMPAgent(ParamManager* manager, const Options& options);
+  // The owner calls stop() and waitForFinish() first.
+  ~SNMPAgent();
+  SNMPAgent(const SNMPAgent&) = delete;
+  SNMPAgent& operator=(const SNMPAgent&) = delete;
+
+  // Starts the agent thread and returns at once.
+  void start();
+  // Asks the loop to end; noticed within one 2-second turn.
+  void stop();
+  // Joins the agent thread (if any).
+  void waitForFinish();
+  // True while the request loop runs.
+  bool isRunning() const { return running.load(); }
+
+  // Publishes one more object with the next start, besides the manager's
+  // parameters. The SNMPInfo keeps owning the entry.
+  void addEntry(const std::string& key, MibEntry* entry);
+  const std::vector<std::pair<std::string, const MibEntry*>>& getEntries() const { return entries; }
+
+ private:
+  void handleRequests();
+  bool initializeAgent();
+  void initMib();
+
+  Options options;
+  std::atomic<bool> running{false};
+  std::atomic<bool> stopRequested{false};
+  ParamManager* manager;
+  std::unique_ptr<std::thread> thread;
+  std::vector<std::pair<std::string, MibEntry*>> extraEntries;
+  std::vector<std::pair<std::string, const MibEntry*>> entries;
+};
+
+}  // namespace SNMP
+}  // namespace Quorvel::Kvan
+
+#endif  // ZELTA_SNMPAGENT_H_
