@@ -57,7 +57,7 @@ class ZELTA_EXPORT ParamManager {
                     std::string& value);
   bool setScalar(std::string& value, Param* param);
   bool setTableRow(const std::vector<unsigned long>& index, std::string& value, Param* param);
-  void loadLine(const std::string& line);
+  void loadLine(const std::string& line, const regmatch_t* match);
 
   std::set<ParamGroup*> groups;
   std::unordered_map<std::string, Param*> params;
