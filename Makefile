@@ -24,3 +24,9 @@ test: build
 
 clean:
 	rm -rf $(BUILD)
+
+# 32-bit ARM: cross-build for arm-linux-gnueabihf into build-armhf/ and run every
+# test under qemu-arm (installs the cross tools, makes and caches the sysroot).
+.PHONY: test-armhf
+test-armhf:
+	JOBS=$(JOBS) scripts/armhf.sh
