@@ -23,6 +23,7 @@ namespace Quorvel::Kvan {
 class ParamManager;
 
 namespace SNMP {
+class AgentEngine;
 
 // Serves the published parameters of a ParamManager over SNMP.
 class ZELTA_EXPORT SNMPAgent {
@@ -77,6 +78,9 @@ class ZELTA_EXPORT SNMPAgent {
   std::atomic<bool> stopRequested{false};
   ParamManager* manager;
   std::unique_ptr<std::thread> thread;
+  std::unique_ptr<AgentEngine> engine;
+  int readOnlyCount = 0;
+  int readWriteCount = 0;
   std::vector<std::pair<std::string, MibEntry*>> extraEntries;
   std::vector<std::pair<std::string, const MibEntry*>> entries;
 };
