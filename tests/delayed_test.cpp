@@ -1,1 +1,82 @@
 #include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <memory>
+#include <thread>
+
+#include "zelta/common.h"
+
+using Quorvel::Kvan::Common::DelayedExecution;
+using Clock = std::chrono::steady_clock;
+using namespace std::chrono_literals;
+
+namespace {
+
+// Counts calls and remembers when the last one happened. The callbacks share
+// ownership, so a worker outliving a failed test touches nothing freed.
+struct Probe {
+  std::atomic<int> calls{0};
+  std::atomic<Clock::rep> lastCall{0};
+  double secondsSince(Clock::time_point t) const {
+    return std::chrono::duration<double>(Clock::time_point(Clock::duration(lastCall.load())) - t).count();
+  }
+};
+
+std::function<void()> counting(std::shared_ptr<Probe> probe) {
+  return [probe] {
+    probe->lastCall = Clock::now().time_since_epoch().count();
+    ++probe->calls;
+  };
+}
+
+bool waitUntil(const std::function<bool()>& done, std::chrono::milliseconds limit) {
+  for (auto end = Clock::now() + limit; Clock::now() < end; std::this_thread::sleep_for(10ms))
+    if (done()) return true;
+  return done();
+}
+
+}  // namespace
+
+// Workers are never joined, so each test's object is never destroyed: a
+// worker that outlives a failed test still finds it.
+
+TEST(DelayedExecution, OneChangeCallsTheLatestCallbackOnceThenRearms) {
+  static auto& delayed = *new DelayedExecution;
+  auto first = std::make_shared<Probe>(), second = std::make_shared<Probe>();
+  delayed.setCallback(counting(first));
+  auto start = Clock::now();
+  delayed.onChange();
+  EXPECT_TRUE(delayed.isRunning());
+  std::this_thread::sleep_for(500ms);
+  delayed.setCallback(counting(second));  // during the countdown
+
+  ASSERT_TRUE(waitUntil([&] { return !delayed.isRunning(); }, 4s));
+  EXPECT_EQ(first->calls, 0);
+  ASSERT_EQ(second->calls, 1);
+  EXPECT_GT(second->secondsSince(start), 1.5);
+  EXPECT_LT(second->secondsSince(start), 3.5);
+
+  // A change after the call starts a new round.
+  start = Clock::now();
+  delayed.onChange();
+  ASSERT_TRUE(waitUntil([&] { return second->calls == 2 && !delayed.isRunning(); }, 4s));
+  EXPECT_GT(second->secondsSince(start), 1.5);
+  EXPECT_LT(second->secondsSince(start), 3.5);
+}
+
+TEST(DelayedExecution, BurstGivesOneCallAfterTheLastChange) {
+  static auto& delayed = *new DelayedExecution;
+  auto probe = std::make_shared<Probe>();
+  delayed.setCallback(counting(probe));
+  for (int i = 0; i < 6; ++i) {  // changes at 0, 0.5, ... 2.5 s
+    if (i > 0) std::this_thread::sleep_for(500ms);
+    delayed.onChange();
+  }
+  auto last = Clock::now();
+  EXPECT_EQ(probe->calls, 0);
+  ASSERT_TRUE(waitUntil([&] { return !delayed.isRunning(); }, 4s));
+  ASSERT_EQ(probe->calls, 1);
+  EXPECT_GT(probe->secondsSince(last), 0.5);
+  EXPECT_LT(probe->secondsSince(last), 3.0);
+}

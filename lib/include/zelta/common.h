@@ -148,6 +148,8 @@ class ZELTA_EXPORT DelayedExecution {
   // Replaces the callback; a counting worker calls the new one.
   void setCallback(std::function<void()> cb);
   // Sets the countdown to 2 ticks and starts a worker unless one runs.
+  // REQUIRES: a callback is set before the countdown runs out; an empty one
+  // throws std::bad_function_call on the worker, which ends the process.
   void onChange();
   // The worker's body; meant only as the thread's entry.
   void workerCode();
