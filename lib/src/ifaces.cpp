@@ -12,6 +12,18 @@
 
 namespace Quorvel::Kvan::Common {
 
+namespace {
+
+// Copied out rather than cast: on ARM a sockaddr is less aligned than a
+// sockaddr_in.
+in_addr ipv4Of(const sockaddr* sa) {
+  sockaddr_in in{};
+  std::memcpy(&in, sa, sizeof in);
+  return in.sin_addr;
+}
+
+}  // namespace
+
 std::map<std::string, Iface> getIfacesInfo() {
   std::map<std::string, Iface> result;
   ifaddrs* list = nullptr;
@@ -24,8 +36,8 @@ std::map<std::string, Iface> getIfacesInfo() {
     // A later address of the same interface replaces the earlier one.
     Iface& entry = result[ifa->ifa_name];
     entry = Iface{};
-    entry.address = reinterpret_cast<const sockaddr_in*>(ifa->ifa_addr)->sin_addr;
-    if (ifa->ifa_netmask != nullptr) entry.netmask = reinterpret_cast<const sockaddr_in*>(ifa->ifa_netmask)->sin_addr;
+    entry.address = ipv4Of(ifa->ifa_addr);
+    if (ifa->ifa_netmask != nullptr) entry.netmask = ipv4Of(ifa->ifa_netmask);
     // No hardware address (loopback, tunnels) leaves the zeros.
     getMacAddress(entry.mac, ifa->ifa_name);
   }
