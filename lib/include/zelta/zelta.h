@@ -5,6 +5,7 @@
 #include "zelta/common.h"
 #include "zelta/crypto.h"
 #include "zelta/logging.h"
+#include "zelta/snmpclient.h"
 #include "zelta/tabledef.h"
 
 #endif  // ZELTA_ZELTA_H_
