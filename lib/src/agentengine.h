@@ -1,0 +1,105 @@
+// The Net-SNMP master agent inside the host process: set-up from in-code
+// options, one turn of the request loop, and shut-down.
+//
+// Net-SNMP keeps global state, so one engine runs per process at a time; a
+// stopped engine can be initialised again. Every Net-SNMP call happens on the
+// agent thread (the thread that calls initialize, serveOnce and shutdown),
+// with agentLock() held. Other threads take the same lock before they touch
+// Net-SNMP state or an entry's agent-side data.
+#ifndef ZELTA_SRC_AGENTENGINE_H_
+#define ZELTA_SRC_AGENTENGINE_H_
+
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "zelta/export.h"
+
+namespace Quorvel::Kvan::SNMP {
+
+class MibEntry;
+
+// What the agent serves and to whom. Applied anew by every initialize().
+struct AgentConfig {
+  // IPv4 address to listen on; "" listens on all IPv4 interfaces.
+  std::string listenAddress;
+  // UDP port.
+  int port = 161;
+  // Community for reads (SNMPv1 and v2c).
+  std::string roCommunity = "public";
+  // Community for reads and writes; SNMPClient uses "vorpal" too.
+  std::string rwCommunity = "vorpal";
+  // Optional SNMPv3 read-write user with SHA authentication and AES privacy;
+  // empty = none. Net-SNMP wants passphrases of at least 8 characters. With
+  // no privacy passphrase the user authenticates only.
+  std::string v3User;
+  std::string v3AuthPass;
+  std::string v3PrivPass;
+  // SNMPv3 engine ID as text; empty = Net-SNMP's default.
+  std::string engineId;
+  // Whether SNMPv2-MIB's system group (sysDescr, sysObjectID, sysUpTime, ...)
+  // and sysORTable are served, and its texts (empty = Net-SNMP's defaults).
+  bool systemGroup = true;
+  std::string sysDescr;
+  std::string sysName;
+  std::string sysContact;
+  std::string sysLocation;
+  // Directory for Net-SNMP's persistent state; "" = a private temporary
+  // directory, removed by shutdown(). Nothing is written there in practice,
+  // since persistence is switched off.
+  std::string persistentDir;
+};
+
+// Exported for the tests only; not part of the public headers.
+class ZELTA_EXPORT AgentEngine {
+ public:
+  AgentEngine();
+  // Shuts the agent down if it is still initialised.
+  ~AgentEngine();
+  AgentEngine(const AgentEngine&) = delete;
+  AgentEngine& operator=(const AgentEngine&) = delete;
+
+  // On the agent thread: sets Net-SNMP up from `config`, registers the
+  // standard groups and `entries` (an entry Net-SNMP refuses is logged and
+  // skipped) and opens the port. False when the port cannot be opened or
+  // another engine runs in the process (WARNING line); everything is then
+  // cleaned up, so a later call can succeed. The entries stay owned by the
+  // caller and must live until shutdown().
+  bool initialize(const AgentConfig& config, const std::vector<MibEntry*>& entries);
+  // One loop turn: waits up to `maxSeconds` for a request without holding the
+  // lock, then processes what arrived, runs due alarms and outstanding
+  // requests. Returns at once when not initialised.
+  void serveOnce(int maxSeconds);
+  // Unregisters the entries and shuts Net-SNMP's agent down. Harmless when
+  // not initialised.
+  void shutdown();
+  // Makes a waiting serveOnce() return at once. Any thread.
+  void wakeUp();
+
+  // Drops an entry that is being destroyed from the running engine's list.
+  // REQUIRES: agent lock held.
+  static void forgetEntry_nolock(MibEntry* entry);
+
+  bool isInitialized() const { return initialized; }
+  // Entries registered by the last successful initialize().
+  const std::vector<MibEntry*>& registeredEntries() const { return registered; }
+
+ private:
+  void cleanUp_nolock();
+
+  bool initialized = false;
+  std::vector<MibEntry*> registered;
+  std::string ownedTempDir;
+  int wakePipe[2] = {-1, -1};
+};
+
+// Process-wide lock held while Net-SNMP state is touched or a request is
+// processed (not while waiting for packets). Recursive, so that hooks run
+// inside request processing may call back into the library. It is the
+// library's one lock (libraryLock()), so parameters and the agent never
+// wait for each other in two orders.
+ZELTA_EXPORT std::recursive_mutex& agentLock();
+
+}  // namespace Quorvel::Kvan::SNMP
+
+#endif  // ZELTA_SRC_AGENTENGINE_H_
