@@ -1,1 +1,232 @@
-// placeholder
+// Param: a named, typed value with hooks, and its SNMP object.
+#include "zelta/param.h"
+
+#include <memory>
+
+#include "liblock.h"
+#include "trace.h"
+#include "zelta/logging.h"
+
+namespace Quorvel::Kvan {
+
+using LockGuard = std::lock_guard<std::recursive_mutex>;
+
+Param::Param(ParamGroup& paramGroup, ValueType paramType, Variant initial, SNMP::SNMPInfo* info, ParamSavePolicy policy,
+             Range paramRange)
+    : group(&paramGroup), snmpInfo(info), type(paramType), savePolicy(policy), range(paramRange) {
+  fillValue(initial);
+  if (isSnmpEntry()) fillSnmpInfo();
+  group->addOwnedParam(this);
+}
+
+Param::Param(ParamGroup& paramGroup, ValueType paramType, SNMP::SNMPInfo* info, ParamSavePolicy policy,
+             Range paramRange)
+    : group(&paramGroup), snmpInfo(info), type(paramType), savePolicy(policy), range(paramRange) {
+  fillWithDefaultValue();
+  if (isSnmpEntry()) fillSnmpInfo();
+  group->addOwnedParam(this);
+}
+
+Param::~Param() = default;
+
+void Param::fillValue(const Variant& initial) {
+  value = initial;
+  value.setListener(this);
+}
+
+void Param::fillWithDefaultValue() {
+  static const unsigned char kZeroAddress[8] = {0, 0, 0, 0, 0, 0, 0, 0};
+  switch (type) {
+    case INTEGER:
+      value = Variant(0L);
+      break;
+    case STRING:
+      value = Variant("");
+      break;
+    case IPADDRESS:
+      value = Variant("0.0.0.0");
+      break;
+    case TIMETICKS:
+      value = Variant(TimeTicksValue{0});
+      break;
+    case LOGADDRMAIN:
+      value = Variant(kZeroAddress);
+      break;
+    case TABLE:
+      value = Variant(Table(nullptr));
+      break;
+    default:
+      break;  // no default: the value stays UNDEFINED
+  }
+  value.setListener(this);
+}
+
+void Param::fillSnmpInfo() {
+  using namespace SNMP;
+  const bool ranged = range.first != NO_RANGE && range.second != NO_RANGE;
+  std::unique_ptr<MibEntry> entry;
+  switch (type) {
+    case INTEGER:
+      if (ranged) {
+        entry = std::make_unique<MinMaxIntMibLeaf>(snmpInfo, &value, static_cast<int>(range.first),
+                                                   static_cast<int>(range.second));
+      } else {
+        entry = std::make_unique<IntMibLeaf>(snmpInfo, &value);
+      }
+      break;
+    case STRING:
+      if (ranged) {
+        entry = std::make_unique<MinMaxStringMibLeaf>(snmpInfo, &value, static_cast<unsigned int>(range.first),
+                                                      static_cast<unsigned int>(range.second));
+      } else {
+        entry = std::make_unique<StringMibLeaf>(snmpInfo, &value);
+      }
+      break;
+    case IPADDRESS:
+      entry = std::make_unique<IPAddressMibLeaf>(snmpInfo, &value);
+      break;
+    case TIMETICKS:
+      entry = std::make_unique<TimeTicksMibLeaf>(snmpInfo, &value);
+      break;
+    case LOGADDRMAIN:
+      entry = std::make_unique<LogaddrmainMibLeaf>(snmpInfo, &value);
+      break;
+    case TABLE:
+      entry = std::make_unique<DynMibTable>(snmpInfo, &value);
+      break;
+    default:
+      return;
+  }
+  snmpInfo->setEntry(entry.release());
+}
+
+void Param::setName(const std::string& newName) {
+  LockGuard lock(libraryLock());
+  name = newName;
+}
+
+std::string Param::getName() const {
+  LockGuard lock(libraryLock());
+  return name;
+}
+
+Variant Param::getValueCopy() const {
+  LockGuard lock(libraryLock());
+  return Variant(value);
+}
+
+void Param::setValue(const int& v) { setValue(Variant(v)); }
+void Param::setValue(const long& v) { setValue(Variant(v)); }
+void Param::setValue(TimeTicksValue& v) { setValue(Variant(v)); }
+void Param::setValue(const unsigned char (&v)[8]) { setValue(Variant(&v[0])); }
+void Param::setValue(const char* v) { setValue(Variant(v)); }
+void Param::setValue(std::string& v) { setValue(Variant(v)); }
+void Param::setValue(const Table& v) { setValue(Variant(v)); }
+
+void Param::setValue(const Variant& v) {
+  LockGuard lock(libraryLock());
+  value = v;
+}
+
+void Param::setValidator(const std::function<bool(const Variant&, const ExtraInfo*)>&& fn) {
+  LockGuard lock(libraryLock());
+  validator = fn;
+}
+
+void Param::setFiller(const std::function<bool(Variant&, const ExtraInfo*)>&& fn) {
+  LockGuard lock(libraryLock());
+  filler = fn;
+}
+
+void Param::addPostSet(const std::function<void(const Variant&, const ExtraInfo*)>&& hook) {
+  LockGuard lock(libraryLock());
+  postSets.push_back(hook);
+}
+
+bool Param::fill(Variant& v, const ExtraInfo* info) {
+  LockGuard lock(libraryLock());
+  return filler ? filler(v, info) : true;
+}
+
+bool Param::validate(const Variant& v, const ExtraInfo* info) {
+  LockGuard lock(libraryLock());
+  return validator ? validator(v, info) : true;
+}
+
+void Param::onChange(const std::string& reason, const ExtraInfo* info) { notifyAll(reason, info); }
+
+void Param::notifyAll(const std::string& reason, const ExtraInfo* info) {
+  // This parameter owns `info` from here on, whatever a hook does.
+  std::unique_ptr<const ExtraInfo> owned(info);
+  LockGuard lock(libraryLock());
+  const bool active = group->isActive();
+  // Row creation and deletion alone do not schedule a save: a deletion is
+  // preceded by a deactivation, which does.
+  const bool savesTable = type != TABLE || (info != nullptr && info->action >= 3 && info->action <= 5);
+  if (savePolicy == SAVE_ON_CHANGE && active && savesTable) group->onChange(this, reason, info);
+  if (active) {
+    for (auto& hook : postSets) hook(value, info);
+  }
+}
+
+bool Param::setTableCellValue(const RowIdx& idx, const unsigned int& column, const Variant& v) {
+  if (type != TABLE) return false;
+  LockGuard lock(libraryLock());
+  Table* table = value.getMutableTable();
+  SNMP::DynMibTable* snmpTable = snmpEntryAs<SNMP::DynMibTable>();
+  // The table's answer is deliberately not looked at: the SNMP side is
+  // mirrored whatever the table accepted.
+  switch (v.getType()) {
+    case VariantType::LONG:
+      table->setCellValue(idx, column, v.getLong());
+      if (snmpTable != nullptr) snmpTable->setCellValue(idx, column, v.getLong());
+      break;
+    case VariantType::TIMETICKS: {
+      const long ticks = static_cast<long>(v.getTimeTicks().value);
+      table->setCellValue(idx, column, ticks);
+      if (snmpTable != nullptr) snmpTable->setCellValue(idx, column, ticks);
+      break;
+    }
+    case VariantType::STRING:
+      table->setCellValue(idx, column, v.getString());
+      if (snmpTable != nullptr) snmpTable->setCellValue(idx, column, v.getString());
+      break;
+    case VariantType::LOGADDRMAIN:
+      table->setCellValue(idx, column, v.getLogaddrMain());
+      if (snmpTable != nullptr) snmpTable->setCellValue(idx, column, Common::logaddrMainToString(v.getLogaddrMain()));
+      break;
+    default:
+      ZELTA_TRACE();
+      return false;
+  }
+  return true;
+}
+
+bool Param::getTableCellValue(const RowIdx& idx, const unsigned int& column, Variant& out) {
+  if (type != TABLE) {
+    ZELTA_TRACE();
+    return false;
+  }
+  LockGuard lock(libraryLock());
+  TableRow row;
+  if (!value.getMutableTable()->getRow(idx, row)) {
+    ZELTA_TRACE();
+    return false;
+  }
+  auto cell = row.find(column);
+  if (cell == row.end()) {
+    ZELTA_TRACE();
+    return false;
+  }
+  out = cell->second;
+  return true;
+}
+
+bool Param::isSpecialColumn(TableDef* def, unsigned int column) {
+  for (unsigned long index : def->indexColumns) {
+    if (index == column) return true;
+  }
+  return column == def->rowStatusColumn;
+}
+
+}  // namespace Quorvel::Kvan

@@ -1,1 +1,115 @@
-// placeholder
+// SNMPAgent: the agent thread around the Net-SNMP engine.
+#include "zelta/snmpagent.h"
+
+#include "agentengine.h"
+#include "liblock.h"
+#include "zelta/logging.h"
+#include "zelta/parammanager.h"
+
+namespace Quorvel::Kvan::SNMP {
+
+SNMPAgent::SNMPAgent(ParamManager* paramManager, int port)
+    : manager(paramManager), engine(std::make_unique<AgentEngine>()) {
+  options.port = port;
+}
+
+SNMPAgent::SNMPAgent(ParamManager* paramManager, const Options& agentOptions)
+    : options(agentOptions), manager(paramManager), engine(std::make_unique<AgentEngine>()) {}
+
+SNMPAgent::~SNMPAgent() {
+  // The owner stops and joins first; a forgotten join must not abort the
+  // process through std::thread's destructor.
+  if (thread && thread->joinable()) {
+    stop();
+    thread->join();
+  }
+}
+
+void SNMPAgent::start() {
+  if (thread && thread->joinable()) {
+    Log["libzelta"].append(WARNING, "SNMPAgent: already started\n");
+    return;
+  }
+  stopRequested = false;
+  thread = std::make_unique<std::thread>(&SNMPAgent::handleRequests, this);
+}
+
+void SNMPAgent::stop() {
+  stopRequested = true;
+  running = false;
+  engine->wakeUp();  // no need to sit out the rest of a 2-second wait
+}
+
+void SNMPAgent::waitForFinish() {
+  if (thread && thread->joinable()) thread->join();
+}
+
+void SNMPAgent::addEntry(const std::string& key, MibEntry* entry) { extraEntries.emplace_back(key, entry); }
+
+void SNMPAgent::handleRequests() {
+  if (!initializeAgent()) {
+    Log["libzelta"].append(WARNING, "SNMPAgent: Cannot initialize SNMP Agent!\n");
+    return;
+  }
+  running = !stopRequested;
+  while (running && !stopRequested) engine->serveOnce(2);
+  engine->shutdown();
+  running = false;
+  // Written when the loop ends, not when it starts: log readers know it so.
+  Log["libzelta"].append(INFO, "SNMPAgent: thread successfully started\n");
+}
+
+bool SNMPAgent::initializeAgent() {
+  initMib();
+  AgentConfig config;
+  config.listenAddress = options.listenAddress;
+  config.port = options.port;
+  config.roCommunity = options.roCommunity;
+  config.rwCommunity = options.rwCommunity;
+  config.v3User = options.v3User;
+  config.v3AuthPass = options.v3AuthPassphrase;
+  config.v3PrivPass = options.v3PrivPassphrase;
+  config.engineId = options.engineId;
+  config.systemGroup = options.systemGroup;
+  config.sysDescr = options.sysDescr;
+  config.sysName = options.sysName;
+  config.sysContact = options.sysContact;
+  config.sysLocation = options.sysLocation;
+  config.persistentDir = options.persistentDir;
+  std::vector<MibEntry*> toServe;
+  for (auto& [key, entry] : entries) toServe.push_back(const_cast<MibEntry*>(entry));
+  if (!engine->initialize(config, toServe)) {
+    Log["libzelta"].append(WARNING, "SNMPAgent: SNMP cannot listen on port %d\n", options.port);
+    return false;
+  }
+  Log["libzelta"].append(INFO, "SNMPAgent: SNMP listen port %d\n", options.port);
+  Log["libzelta"].append(INFO, "SNMPAgent: handling %d RO entries, %d RW entries\n", readOnlyCount, readWriteCount);
+  return true;
+}
+
+// The published objects: every parameter with SNMP information and an access
+// mode other than none, then the entries added directly.
+void SNMPAgent::initMib() {
+  entries.clear();
+  readOnlyCount = 0;
+  readWriteCount = 0;
+  auto publish = [&](const std::string& key, MibEntry* entry, mib_access access) {
+    if (entry == nullptr || access == NOACCESS) return;
+    entries.emplace_back(key, entry);
+    if (access == READONLY) {
+      ++readOnlyCount;
+    } else {
+      ++readWriteCount;
+    }
+  };
+  if (manager != nullptr) {
+    for (auto& [key, param] : manager->getParams()) {
+      if (param == nullptr || param->getSnmpInfo() == nullptr) continue;
+      SNMPInfo* info = param->getSnmpInfo();
+      publish(key, info->getEntry(), info->getAccess());
+    }
+  }
+  for (auto& [key, entry] : extraEntries) publish(key, entry, entry->get_access());
+}
+
+}  // namespace Quorvel::Kvan::SNMP

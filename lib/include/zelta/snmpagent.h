@@ -30,20 +30,20 @@ class ZELTA_EXPORT SNMPAgent {
  public:
   // Who may talk to the agent and what it tells about itself.
   struct Options {
-    int port = 161;                      // UDP port to listen on
-    std::string listenAddress;           // IPv4 address to bind; "" = all IPv4 interfaces
-    std::string roCommunity = "public";  // read-only community; "" = none
-    std::string rwCommunity = "vorpal";  // read-write community (the one SNMPClient uses); "" = none
-    std::string v3User;                  // SNMPv3 USM user (SHA auth, AES priv); "" = no v3 user
-    std::string v3AuthPassphrase;        // at least 8 characters when v3User is set
-    std::string v3PrivPassphrase;        // at least 8 characters when v3User is set
-    std::string engineId;                // SNMP engine ID text; "" = Net-SNMP's default
-    bool systemGroup = true;             // serve SNMPv2-MIB system group (sysDescr, sysUpTime, ...)
+    int port = 161;                           // UDP port to listen on
+    std::string listenAddress;                // IPv4 address to bind; "" = all IPv4 interfaces
+    std::string roCommunity = "public";       // read-only community; "" = none
+    std::string rwCommunity = "vorpal";       // read-write community (the one SNMPClient uses); "" = none
+    std::string v3User;                       // SNMPv3 USM user (SHA auth, AES priv); "" = no v3 user
+    std::string v3AuthPassphrase;             // at least 8 characters when v3User is set
+    std::string v3PrivPassphrase;             // at least 8 characters when v3User is set
+    std::string engineId;                     // SNMP engine ID text; "" = Net-SNMP's default
+    bool systemGroup = true;                  // serve SNMPv2-MIB system group (sysDescr, sysUpTime, ...)
     std::string sysDescr = "libzelta agent";  // system.sysDescr
     std::string sysName;                      // system.sysName; "" = host name
     std::string sysContact;                   // system.sysContact
     std::string sysLocation;                  // system.sysLocation
-    std::string persistentDir;  // where the engine may keep state; "" = a private temporary directory
+    std::string persistentDir;                // where the engine may keep state; "" = a private temporary directory
   };
 
   // No I/O: the port is opened by the agent thread.

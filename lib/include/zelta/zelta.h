@@ -5,6 +5,10 @@
 #include "zelta/common.h"
 #include "zelta/crypto.h"
 #include "zelta/logging.h"
+#include "zelta/mibtypes.h"
+#include "zelta/param.h"
+#include "zelta/parammanager.h"
+#include "zelta/snmpagent.h"
 #include "zelta/snmpclient.h"
 #include "zelta/tabledef.h"
 

@@ -1,0 +1,284 @@
+// Param, ParamGroup and ParamManager: defaults, the change path, auto-save
+// and the registry's contract.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <thread>
+
+#include <sys/stat.h>
+
+#include "test_util.h"
+#include "zelta/parammanager.h"
+
+using namespace Quorvel::Kvan;
+using std::chrono::milliseconds;
+using zelta_test::captureLog;
+using zelta_test::TempDir;
+using zelta_test::waitFor;
+
+namespace {
+
+struct Recorder {
+  std::vector<std::string> calls;
+  PostSet hook(const std::string& tag) {
+    return [this, tag](const Variant& v, const ExtraInfo* info) {
+      calls.push_back(tag + ":" + v.toString() + ":" + std::to_string(info ? info->action : 0));
+    };
+  }
+};
+
+int savesIn(const std::string& log) {
+  int n = 0;
+  for (size_t at = log.find("ParamGroup: - saved "); at != std::string::npos;
+       at = log.find("ParamGroup: - saved ", at + 1))
+    ++n;
+  return n;
+}
+
+}  // namespace
+
+TEST(Param, DefaultsByType) {
+  ParamGroup g("defaults", "/nonexistent/defaults.txt");
+  Param i(g, INTEGER, nullptr), s(g, STRING, nullptr), ip(g, IPADDRESS, nullptr), t(g, TIMETICKS, nullptr),
+      a(g, LOGADDRMAIN, nullptr), tbl(g, TABLE, nullptr), odd(g, static_cast<ValueType>(99), nullptr);
+  EXPECT_EQ(i.getValue().getLong(), 0);
+  EXPECT_EQ(s.getValue().getString(), "");
+  EXPECT_EQ(ip.getValue().getString(), "0.0.0.0");
+  EXPECT_EQ(t.getValue().getTimeTicks().value, 0u);
+  EXPECT_EQ(Common::logaddrMainToString(a.getValue().getLogaddrMain()), std::string(8, '\0'));
+  EXPECT_EQ(tbl.getValue().getTable().getDef(), nullptr);
+  EXPECT_EQ(odd.getValue().getType(), VariantType::UNDEFINED);
+  EXPECT_FALSE(i.isSnmpEntry());
+  EXPECT_EQ(g.getParams().size(), 7u);
+  g.addOwnedParam(&i);  // a second enrolment is ignored
+  EXPECT_EQ(g.getParams().size(), 7u);
+  EXPECT_EQ(i.getValue().getListener(), &i);
+}
+
+TEST(Param, SetValueIsSilent) {
+  ParamGroup g("silent", "/nonexistent/silent.txt");
+  Param p(g, INTEGER, nullptr);
+  Recorder rec;
+  bool validated = false;
+  p.setValidator([&](const Variant&, const ExtraInfo*) { return validated = true; });
+  p.addPostSet(rec.hook("a"));
+  p.setValue(5);
+  EXPECT_EQ(p.getValueCopy().getLong(), 5);
+  EXPECT_FALSE(validated);
+  EXPECT_TRUE(rec.calls.empty());
+  EXPECT_FALSE(g.isWorkerRunning());
+}
+
+TEST(ParamDeathTest, SetValueOfAnotherKindAborts) {
+  ParamGroup g("kinds", "/nonexistent/kinds.txt");
+  Param p(g, INTEGER, nullptr);
+  EXPECT_DEATH(p.setValue("x"), "type == VariantType::UNDEFINED \\|\\| type == other.type");
+}
+
+TEST(Param, NotifyAllRunsHooksOnlyWhileTheGroupIsActive) {
+  ParamGroup g("hooks", "/nonexistent/hooks.txt");
+  Param p(g, INTEGER, Variant(3), nullptr, NEVER_SAVE);
+  Recorder rec;
+  p.addPostSet(rec.hook("a"));
+  p.addPostSet(rec.hook("b"));
+  g.setActiveMode(false);
+  p.onChange("set value on int leaf", new ExtraInfo({}, 5, -1));  // freed by the parameter
+  EXPECT_TRUE(rec.calls.empty());
+  g.setActiveMode(true);
+  p.onChange("set value on int leaf", nullptr);
+  EXPECT_EQ(rec.calls, (std::vector<std::string>{"a:3:0", "b:3:0"}));
+  EXPECT_FALSE(g.isWorkerRunning());  // NEVER_SAVE does not tell the group
+}
+
+TEST(Param, TableChangesScheduleASaveOnlyForActivationAndCellActions) {
+  TempDir dir;
+  ParamGroup g("table", dir.file("table.txt"));
+  TableDef def({1}, 3, 1);
+  def.fields[2] = FieldType(INTEGER, NO_RANGE, NO_RANGE);
+  Param p(g, TABLE, Variant(Table(&def)), nullptr);
+  std::string log = captureLog(DEBUG, [&] {
+    p.onChange("new row created", new ExtraInfo({1}, 1, -1));
+    p.onChange("new row deleted", new ExtraInfo({1}, 2, -1));
+    p.onChange("no info", nullptr);
+  });
+  EXPECT_FALSE(g.isWorkerRunning());
+  log = captureLog(DEBUG, [&] { p.onChange("set row field value", new ExtraInfo({1}, 5, 2)); });
+  EXPECT_TRUE(g.isWorkerRunning());
+  EXPECT_NE(log.find("ParamGroup: change on param '': [TDEF] [set row field value]\n"), std::string::npos);
+  EXPECT_TRUE(waitFor([&] { return !g.isWorkerRunning(); }, milliseconds(5000)));
+}
+
+TEST(Param, TableCellAccess) {
+  ParamGroup g("cells", "/nonexistent/cells.txt");
+  TableDef def({1}, 4, 1);
+  def.fields[2] = FieldType(STRING, NO_RANGE, NO_RANGE);
+  def.fields[3] = FieldType(TIMETICKS, NO_RANGE, NO_RANGE);
+  Param p(g, TABLE, Variant(Table(&def)), nullptr);
+  Param scalar(g, INTEGER, nullptr);
+  EXPECT_TRUE(p.setTableCellValue({1}, 2, Variant("hall")));
+  EXPECT_TRUE(p.setTableCellValue({1}, 3, Variant(TimeTicksValue{9})));
+  EXPECT_TRUE(p.setTableCellValue({1}, 2, Variant(7)));  // refused by the table, still true
+  Variant out;
+  ASSERT_TRUE(p.getTableCellValue({1}, 2, out));
+  EXPECT_EQ(out.getString(), "hall");
+  Variant ticks;
+  ASSERT_TRUE(p.getTableCellValue({1}, 3, ticks));
+  EXPECT_EQ(ticks.getType(), VariantType::TIMETICKS);
+  EXPECT_FALSE(p.getTableCellValue({1}, 4, out));
+  EXPECT_FALSE(p.getTableCellValue({2}, 2, out));
+  EXPECT_FALSE(scalar.setTableCellValue({1}, 2, Variant(1)));
+  EXPECT_FALSE(p.setTableCellValue({1}, 2, Variant()));
+
+  TableDef special({1, 2}, 6, 2);
+  EXPECT_TRUE(Param::isSpecialColumn(&special, 1));
+  EXPECT_TRUE(Param::isSpecialColumn(&special, 2));
+  EXPECT_TRUE(Param::isSpecialColumn(&special, 6));
+  EXPECT_FALSE(Param::isSpecialColumn(&special, 3));
+}
+
+TEST(ParamGroup, NamesAndCopies) {
+  ParamGroup derived("Network settings", "__NO_NAME__");
+  EXPECT_EQ(derived.getFilePath(), "Network_settings.txt");
+  ParamGroup explicitPath("x", "/a b/c.txt");
+  EXPECT_EQ(explicitPath.getFilePath(), "/a b/c.txt");
+  Param p(derived, INTEGER, nullptr);
+  derived.setActiveMode(false);
+  ParamGroup copy(derived);
+  EXPECT_FALSE(copy.isActive());
+  EXPECT_EQ(copy.getParams(), derived.getParams());
+  ParamGroup assigned;
+  assigned = derived;
+  EXPECT_TRUE(assigned.isActive());
+  EXPECT_EQ(assigned.getName(), "Network settings");
+}
+
+TEST(ParamGroupDeathTest, SavingAPlaceholderAborts) {
+  ParamGroup placeholder;
+  EXPECT_DEATH(placeholder.save(), "name != \"__NO_NAME__\"");
+}
+
+TEST(ParamGroup, SaveCountsEveryParameterAndReportsUnwritablePaths) {
+  TempDir dir;
+  ParamGroup g("quiet", dir.file("quiet.txt"));
+  Param a(g, INTEGER, Variant(1), nullptr, NEVER_SAVE), b(g, STRING, Variant("x"), nullptr, NEVER_SAVE);
+  std::string log = captureLog(DEBUG, [&] { EXPECT_TRUE(g.save()); });
+  EXPECT_EQ(dir.read("quiet.txt"), "");
+  EXPECT_NE(log.find("ParamGroup: saving [quiet] params on file '" + dir.file("quiet.txt") + "'\n"), std::string::npos);
+  EXPECT_NE(log.find("ParamGroup: - saved 2 params\n"), std::string::npos);
+
+  ParamGroup bad("bad", dir.file("missing/dir/bad.txt"));
+  log = captureLog(ERROR, [&] { EXPECT_FALSE(bad.save()); });
+  EXPECT_NE(log.find("ParamGroup: - cannot save group [bad] on file '" + dir.file("missing/dir/bad.txt") + "'\n"),
+            std::string::npos);
+}
+
+TEST(ParamGroup, AutoSaveRunsOnceAboutTwoSecondsAfterABurst) {
+  TempDir dir;
+  ParamGroup g("auto", dir.file("auto.txt"));
+  Param p(g, INTEGER, Variant(1), nullptr);
+  ParamManager manager;
+  manager.add("level", &p);
+  std::string log = captureLog(VERBOSE, [&] {
+    auto start = std::chrono::steady_clock::now();
+    p.setValue(2);
+    p.onChange("set value on int leaf", nullptr);
+    std::this_thread::sleep_for(milliseconds(700));
+    p.setValue(3);
+    p.onChange("set value on int leaf", nullptr);
+    ASSERT_TRUE(waitFor([&] { return dir.read("auto.txt") == "level.0 = 0:2:3\n"; }, milliseconds(5000)));
+    double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    EXPECT_GT(seconds, 1.5);
+    EXPECT_LT(seconds, 4.5);
+    ASSERT_TRUE(waitFor([&] { return !g.isWorkerRunning(); }, milliseconds(2000)));
+  });
+  EXPECT_EQ(savesIn(log), 1);
+  EXPECT_NE(log.find("ParamGroup: name: auto, ticks: 2\n"), std::string::npos);
+  EXPECT_NE(log.find("ParamGroup: name: auto, ticks elapsed, saving...\n"), std::string::npos);
+}
+
+TEST(ParamGroup, UnwritableFileIsRetriedOnTheNextChange) {
+  TempDir dir;
+  ParamGroup g("retry", dir.file("sub/retry.txt"));
+  Param p(g, INTEGER, Variant(1), nullptr);
+  ParamManager manager;
+  manager.add("level", &p);
+  std::string log = captureLog(ERROR, [&] {
+    p.onChange("set value on int leaf", nullptr);
+    ASSERT_TRUE(waitFor([&] { return !g.isWorkerRunning(); }, milliseconds(5000)));
+  });
+  EXPECT_NE(log.find("ParamGroup: - cannot save group [retry]"), std::string::npos);
+  ASSERT_EQ(mkdir(dir.file("sub").c_str(), 0755), 0);
+  p.onChange("set value on int leaf", nullptr);
+  EXPECT_TRUE(waitFor([&] { return dir.read("sub/retry.txt") == "level.0 = 0:2:1\n"; }, milliseconds(5000)));
+  EXPECT_TRUE(waitFor([&] { return !g.isWorkerRunning(); }, milliseconds(2000)));
+}
+
+TEST(ParamManager, RegistersUnderTheKeyAndCollectsGroups) {
+  TempDir dir;
+  ParamGroup g("reg", dir.file("reg.txt"));
+  Param a(g, INTEGER, Variant(4), nullptr), b(g, INTEGER, nullptr), c(g, INTEGER, Variant(9), nullptr);
+  ParamManager manager;
+  a.setName("old");
+  EXPECT_TRUE(manager.add("volume", &a));
+  manager.add("bass", &b);
+  std::string log = captureLog(WARNING, [&] { manager.add("treble_level", &c); });
+  EXPECT_NE(log.find("ParamManager: key contains underscores!\n"), std::string::npos);
+  EXPECT_EQ(a.getName(), "volume");
+  EXPECT_EQ(manager["volume"], &a);
+  EXPECT_EQ(manager.getGroups().size(), 1u);
+  manager.saveAllGroups();
+  // A key with an underscore is written but cannot be read back.
+  c.setValue(1);
+  manager.loadAllGroups();
+  EXPECT_EQ(c.getValue().getLong(), 1);
+  EXPECT_EQ(a.getValue().getLong(), 4);
+}
+
+TEST(ParamManagerDeathTest, MisuseAborts) {
+  ParamGroup g("misuse", "/nonexistent/misuse.txt");
+  Param a(g, INTEGER, nullptr);
+  ParamManager manager;
+  manager.add("a", &a);
+  EXPECT_DEATH(manager.add("", &a), "key.size\\(\\) > 0");
+  EXPECT_DEATH(manager.add("b", nullptr), "param != __null");
+  EXPECT_DEATH(manager.add("a", &a), "params.find\\(key\\) == params.end\\(\\)");
+  EXPECT_DEATH(manager["nosuch"], "params.find\\(key\\) != params.end\\(\\)");
+  EXPECT_DEATH(
+      {
+        a.setName("renamed");
+        manager["a"];
+      },
+      "params\\[key\\]->getName\\(\\) == key");
+}
+
+TEST(ParamManager, LoadingSchedulesNoSaveAndRunsNoHook) {
+  TempDir dir;
+  ParamGroup g("load", dir.write("load.txt", "volume.0 = 0:2:12\n"));
+  Param p(g, INTEGER, nullptr);
+  Recorder rec;
+  p.addPostSet(rec.hook("a"));
+  ParamManager manager;
+  manager.add("volume", &p);
+  g.setActiveMode(false);
+  manager.loadAllGroups();
+  EXPECT_TRUE(g.isActive());  // active again afterwards, whatever it was
+  EXPECT_EQ(p.getValue().getLong(), 12);
+  EXPECT_TRUE(rec.calls.empty());
+  EXPECT_FALSE(g.isWorkerRunning());
+}
+
+TEST(ParamGroup, AtomicSaveReplacesTheFileWhole) {
+  TempDir dir;
+  ParamGroup g("atomic", dir.write("atomic.txt", "old content\n"));
+  g.setAtomicSave(true);
+  Param p(g, STRING, Variant("new"), nullptr);
+  ParamManager manager;
+  manager.add("label", &p);
+  ASSERT_TRUE(g.save());
+  EXPECT_EQ(dir.read("atomic.txt"), "label.0 = 0:4:\"new\"\n");
+  EXPECT_EQ(Common::executeProgram("ls -A '" + dir.path() + "'"), "atomic.txt\n");  // no temporary left behind
+  ParamGroup bad("bad", dir.file("missing/atomic.txt"));
+  bad.setAtomicSave(true);
+  captureLog(ERROR, [&] { EXPECT_FALSE(bad.save()); });
+}

@@ -1,0 +1,290 @@
+// Group files: the writer's exact lines, the reader's rules, and bad files.
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <random>
+
+#include "test_util.h"
+#include "zelta/parammanager.h"
+
+using namespace Quorvel::Kvan;
+using zelta_test::captureLog;
+using zelta_test::TempDir;
+
+namespace {
+
+const unsigned char kAddr[8] = {0x41, 0x42, 0x01, 0x02, 0x31, 0x32, 0x7f, 0x80};
+
+const char kExampleFile[] =
+    "volume.0 = 0:2:7\n"
+    "label.0 = 0:4:\"Front door \\x22A\\x22\"\n"
+    "gateway.0 = 0:64:192.168.1.1\n"
+    "uptime.0 = 0:67:12345\n"
+    "addr.0 = 0:4:\"AB\\x01\\x0212\\x7f\\x80\"\n"
+    "contacts.1 = 2:4:\"Hall\" 3:2:15 \n"
+    "contacts.2 = 2:4:\"Garage\" 3:2:-3 \n";
+
+// The group of the worked example: five single values and a table with index
+// column 1, value columns 2 (string), 3 and 4 (integers) and RowStatus 5.
+struct Example {
+  explicit Example(const std::string& path, bool withValues = true)
+      : group("example", path),
+        def({1}, 5, fields, 1),
+        volume(group, INTEGER, nullptr),
+        label(group, STRING, nullptr),
+        gateway(group, IPADDRESS, nullptr),
+        uptime(group, TIMETICKS, nullptr),
+        addr(group, LOGADDRMAIN, nullptr),
+        contacts(group, TABLE, Variant(Table(&def)), nullptr) {
+    manager.add("volume", &volume);
+    manager.add("label", &label);
+    manager.add("gateway", &gateway);
+    manager.add("uptime", &uptime);
+    manager.add("addr", &addr);
+    manager.add("contacts", &contacts);
+    if (!withValues) return;
+    volume.setValue(7);
+    label.setValue("Front door \"A\"");
+    gateway.setValue("192.168.1.1");
+    uptime.setValue(Variant(TimeTicksValue{12345}));
+    addr.setValue(kAddr);
+    Table table(&def);
+    table.addRow({1});
+    table.setCellValue({1}, 2, std::string("Hall"));
+    table.setCellValue({1}, 3, 15L);
+    table.setCellValue({1}, 4, 20L);
+    table.addRow({2});
+    table.setCellValue({2}, 2, std::string("Garage"));
+    table.setCellValue({2}, 3, -3L);
+    table.setCellValue({2}, 4, 0L);
+    contacts.setValue(table);
+  }
+  static std::map<unsigned int, FieldType> fieldsOf() {
+    return {{2, FieldType(STRING, NO_RANGE, NO_RANGE)},
+            {3, FieldType(INTEGER, NO_RANGE, NO_RANGE)},
+            {4, FieldType(INTEGER, NO_RANGE, NO_RANGE)}};
+  }
+  std::map<unsigned int, FieldType> fields = fieldsOf();
+  ParamGroup group;
+  TableDef def;
+  Param volume, label, gateway, uptime, addr, contacts;
+  ParamManager manager;
+};
+
+std::string cell(Param& table, RowIdx idx, unsigned int column) {
+  Variant out;
+  if (!table.getTableCellValue(idx, column, out)) return "<none>";
+  return out.toString();
+}
+
+}  // namespace
+
+TEST(ParamFile, WorkedExampleIsWrittenByteForByte) {
+  TempDir dir;
+  Example example(dir.file("example.txt"));
+  ASSERT_TRUE(example.group.save());
+  EXPECT_EQ(dir.read("example.txt"), kExampleFile);
+}
+
+TEST(ParamFile, WorkedExampleLoadsBack) {
+  TempDir dir;
+  dir.write("example.txt", kExampleFile);
+  Example fresh(dir.file("example.txt"), false);
+  fresh.manager.loadAllGroups();
+  EXPECT_EQ(fresh.volume.getValue().getLong(), 7);
+  EXPECT_EQ(fresh.label.getValue().getString(), "Front door \"A\"");
+  EXPECT_EQ(fresh.gateway.getValue().getString(), "192.168.1.1");
+  EXPECT_EQ(fresh.uptime.getValue().getTimeTicks().value, 12345u);
+  EXPECT_TRUE(Common::logaddrMainEq(fresh.addr.getValue().getLogaddrMain(), kAddr));
+  EXPECT_EQ(cell(fresh.contacts, {1}, 2), "Hall");
+  EXPECT_EQ(cell(fresh.contacts, {1}, 3), "15");
+  EXPECT_EQ(cell(fresh.contacts, {1}, 4), "0");  // never written: the default stays
+  EXPECT_EQ(cell(fresh.contacts, {2}, 2), "Garage");
+  EXPECT_EQ(cell(fresh.contacts, {2}, 3), "-3");
+  EXPECT_TRUE(fresh.group.isActive());
+}
+
+TEST(ParamFile, ReaderToleratesLayoutAndSkipsJunk) {
+  TempDir dir;
+  Example example(dir.file("example.txt"), false);
+  std::string log = captureLog(VERBOSE, [&] {
+    example.manager.loadFromFile(dir.write("in.txt",
+                                           "# comment\n"
+                                           "\n"
+                                           "   volume.0   =   0:2:9   \r\n"
+                                           "junk without equals\n"
+                                           "unknown.0 = 0:2:1\n"
+                                           "vol_ume.0 = 0:2:1\n"
+                                           "nodot = 0:2:1\n"
+                                           "label.0 =\n"
+                                           "gateway.7 = 0:64:10.0.0.1\n"
+                                           "label.3 = 0:2:5\n"));
+  });
+  EXPECT_EQ(example.volume.getValue().getLong(), 9);
+  EXPECT_EQ(example.gateway.getValue().getString(), "10.0.0.1");  // any suffix for a single value
+  EXPECT_EQ(example.label.getValue().getString(), "");
+  EXPECT_NE(log.find("ParamManager: setScalar(): triplet type 2 != Param type 4 for var 'label'\n"), std::string::npos);
+  EXPECT_NE(log.find("ParamManager: - cannot read scalar 'label'!\n"), std::string::npos);
+  EXPECT_EQ(log.find("skip invalid key"), std::string::npos);
+  EXPECT_NE(log.find("[TRACE]"), std::string::npos);  // the unknown stem
+}
+
+TEST(ParamFile, StringsAndAddressesRoundTrip) {
+  TempDir dir;
+  Example example(dir.file("example.txt"));
+  std::string awkward("q\"b\\s\0\xff\n=", 10);
+  example.label.setValue(awkward);
+  ASSERT_TRUE(example.group.save());
+  Example fresh(dir.file("example.txt"), false);
+  fresh.manager.loadAllGroups();
+  EXPECT_EQ(fresh.label.getValue().getString(), awkward);
+
+  example.label.setValue("");
+  example.group.save();
+  EXPECT_NE(dir.read("example.txt").find("label.0 = 0:4:\"\"\n"), std::string::npos);
+  fresh.label.setValue("old");
+  fresh.manager.loadAllGroups();
+  EXPECT_EQ(fresh.label.getValue().getString(), "");
+}
+
+TEST(ParamFile, UnquotedStringBecomesTheDecoderErrorText) {
+  TempDir dir;
+  Example example(dir.file("example.txt"), false);
+  example.manager.loadFromFile(dir.write("in.txt", "label.0 = 0:4:abc\n"));
+  EXPECT_EQ(example.label.getValue().getString(), "[error - start]");
+}
+
+TEST(ParamFile, EmptyIpAddressIsWrittenButNotRestored) {
+  TempDir dir;
+  Example example(dir.file("example.txt"));
+  example.gateway.setValue("");
+  example.group.save();
+  EXPECT_NE(dir.read("example.txt").find("gateway.0 = 0:64:\n"), std::string::npos);
+  Example fresh(dir.file("example.txt"), false);
+  fresh.gateway.setValue("1.2.3.4");
+  std::string log = captureLog(DEBUG, [&] { fresh.manager.loadAllGroups(); });
+  EXPECT_EQ(fresh.gateway.getValue().getString(), "1.2.3.4");
+  EXPECT_NE(log.find("ParamManager: setScalar(): cannot split triplet '0:64:'\n"), std::string::npos);
+  EXPECT_NE(log.find("ParamManager: - cannot read scalar 'gateway'!\n"), std::string::npos);
+}
+
+// On the 32-bit target a count of 2^31 or more is written as a negative long;
+// both builds must write and read it the same way.
+TEST(ParamFile, TimeTicksAbove2To31RoundTripThroughNegativeText) {
+  TempDir dir;
+  std::map<unsigned int, FieldType> fields{{2, FieldType(TIMETICKS, NO_RANGE, NO_RANGE)}};
+  TableDef def({1}, 4, fields, 1);
+  ParamGroup group("ticks", dir.file("ticks.txt"));
+  Param ticks(group, TIMETICKS, Variant(TimeTicksValue{3000000000u}), nullptr);
+  Table table(&def);
+  table.setCellValue({4294967295ul}, 2, static_cast<long>(static_cast<int32_t>(2147483648u)));
+  Param column(group, TABLE, Variant(table), nullptr);
+  ParamManager manager;
+  manager.add("ticks", &ticks);
+  manager.add("column", &column);
+  group.save();
+  EXPECT_EQ(dir.read("ticks.txt"), "ticks.0 = 0:67:-1294967296\ncolumn.4294967295 = 2:67:-2147483648 \n");
+
+  ticks.setValue(Variant(TimeTicksValue{1}));
+  column.setValue(Table(&def));
+  manager.loadAllGroups();
+  EXPECT_EQ(ticks.getValue().getTimeTicks().value, 3000000000u);
+  Variant out;
+  ASSERT_TRUE(column.getTableCellValue({4294967295ul}, 2, out));
+  EXPECT_EQ(out.getTimeTicks().value, 2147483648u);
+}
+
+TEST(ParamFile, TableLineWithWrongCellKeepsEarlierCells) {
+  TempDir dir;
+  Example example(dir.file("example.txt"), false);
+  std::string log = captureLog(DEBUG, [&] {
+    example.manager.loadFromFile(dir.write("in.txt",
+                                           "contacts.3 = 2:4:\"Porch\" 3:4:\"x\" 4:2:8 \n"
+                                           "contacts.4 = 5:2:1  2:4:\"Attic\"  9:2:1 \n"
+                                           "contacts.5 = \n"));
+  });
+  EXPECT_EQ(cell(example.contacts, {3}, 2), "Porch");
+  EXPECT_EQ(cell(example.contacts, {3}, 4), "0");
+  EXPECT_NE(log.find("ParamManager: setTableRow(): triplet type 4 != Param type 2 for var 'contacts'\n"),
+            std::string::npos);
+  EXPECT_NE(log.find("ParamManager: - cannot read table row 'contacts'!\n"), std::string::npos);
+  // RowStatus and unknown columns are skipped with a warning; two blanks between triplets are fine.
+  EXPECT_EQ(cell(example.contacts, {4}, 2), "Attic");
+  EXPECT_NE(log.find("ParamManager: setTableRow(): column 5 is not a valid field or it's a special one (e.g. "
+                     "rowStatus)!\n"),
+            std::string::npos);
+  EXPECT_NE(log.find("column 9 is not a valid field"), std::string::npos);
+  EXPECT_EQ(example.def.fields.count(9), 0u);  // the definition is not touched by file content
+}
+
+// A logical address that does not fit 8 bytes must never reach the assertion
+// of logaddrMainSet: the value is unreadable and the parameter keeps its own.
+TEST(ParamFile, OverlongLogicalAddressIsRejected) {
+  TempDir dir;
+  Example example(dir.file("example.txt"), false);
+  example.addr.setValue(kAddr);
+  for (const char* line :
+       {"addr.0 = 0:4:\"123456789\"\n", "addr.0 = 0:4:\"\\x\"\n", "addr.0 = 0:4:abc\n", "contacts.1 = 2:4:\"ok\" \n"}) {
+    std::string log = captureLog(WARNING, [&] { example.manager.loadFromFile(dir.write("in.txt", line)); });
+    EXPECT_TRUE(Common::logaddrMainEq(example.addr.getValue().getLogaddrMain(), kAddr)) << line;
+  }
+  example.manager.loadFromFile(dir.write("in.txt", "addr.0 = 0:4:\"12\"\n"));
+  EXPECT_EQ(Common::logaddrMainToString(example.addr.getValue().getLogaddrMain()), "00000012");
+}
+
+TEST(ParamFile, MissingFilesAndDirectoriesAreReported) {
+  TempDir dir;
+  Example example(dir.file("nothing-here.txt"));
+  std::string log = captureLog(WARNING, [&] {
+    example.manager.loadAllGroups();
+    example.manager.loadFromFile(dir.path());
+  });
+  EXPECT_NE(log.find("ParamManager: - cannot open '" + dir.file("nothing-here.txt") + "' for reading\n"),
+            std::string::npos);
+  EXPECT_NE(log.find("ParamManager: - cannot open '" + dir.path() + "' for reading\n"), std::string::npos);
+  EXPECT_TRUE(example.group.isActive());
+  EXPECT_EQ(example.volume.getValue().getLong(), 7);
+}
+
+// A corrupted file must never stop a device from booting.
+TEST(ParamFile, MutatedFilesNeverCrashTheLoader) {
+  TempDir dir;
+  Example example(dir.file("example.txt"));
+  std::mt19937 rng(4242);
+  const std::string base = kExampleFile;
+  captureLog(ERROR, [&] {
+    for (int round = 0; round < 400; ++round) {
+      std::string bytes = base;
+      int edits = 1 + static_cast<int>(rng() % 8);
+      for (int e = 0; e < edits && !bytes.empty(); ++e) {
+        size_t at = rng() % bytes.size();
+        switch (rng() % 4) {
+          case 0:
+            bytes[at] = static_cast<char>(rng() & 0xFF);
+            break;
+          case 1:
+            bytes.erase(at, 1 + rng() % 12);
+            break;
+          case 2:
+            bytes.insert(at, std::string(1 + rng() % 3, "\"\\=.: 0x9\n"[rng() % 11]));
+            break;
+          default:
+            bytes.insert(at, bytes.substr(rng() % bytes.size(), rng() % 40));
+        }
+      }
+      example.manager.loadFromFile(dir.write("fuzz.txt", bytes));
+    }
+    example.manager.loadFromFile(dir.write("long.txt", "volume.0 = 0:2:" + std::string(200000, '7') + "\n"));
+  });
+  EXPECT_EQ(example.volume.getValue().getLong(), 2147483647);
+  EXPECT_TRUE(example.group.save());
+}
+
+TEST(ParamFile, IndexOfTheWrongLengthIsRefused) {
+  TempDir dir;
+  Example example(dir.file("example.txt"), false);
+  std::string log =
+      captureLog(WARNING, [&] { example.manager.loadFromFile(dir.write("in.txt", "contacts.1.2 = 2:4:\"x\" \n")); });
+  EXPECT_TRUE(example.contacts.getValue().getTable().getRows().empty());
+  EXPECT_NE(log.find("ParamManager: - cannot read table row 'contacts'!\n"), std::string::npos);
+}
