@@ -1,0 +1,175 @@
+// SNMPAgent over a ParamManager: what a manager writes lands in the group
+// files, and the agent's life cycle logs what it did.
+#include <gtest/gtest.h>
+
+#include <chrono>
+
+#include "snmp_fixture.h"
+#include "test_util.h"
+#include "zelta/parammanager.h"
+#include "zelta/snmpagent.h"
+
+using namespace Quorvel::Kvan;
+using namespace Quorvel::Kvan::SNMP;
+using std::chrono::milliseconds;
+using zelta_test::captureLog;
+using zelta_test::freeUdpPort;
+using zelta_test::runTool;
+using zelta_test::TempDir;
+using zelta_test::ToolResult;
+using zelta_test::waitFor;
+
+namespace {
+
+const std::string kBase = "1.3.6.1.4.1.99999.7";
+
+// A device's parameters: a ranged integer, a string, a read-only value, an
+// unpublished one and a routing table whose RowStatus follows the index.
+struct Device {
+  explicit Device(const std::string& dir)
+      : settings("settings", dir + "/settings.txt"),
+        network("network", dir + "/network.txt"),
+        def({1}, 2, fields, 1),
+        volume(settings, INTEGER, Variant(7), &volumeInfo, SAVE_ON_CHANGE, {0, 100}),
+        name(settings, STRING, Variant("box"), &nameInfo),
+        serial(settings, STRING, Variant("SN1"), &serialInfo),
+        hidden(settings, INTEGER, Variant(1), &hiddenInfo),
+        routes(network, TABLE, Variant(Table(&def)), &routesInfo) {
+    manager.add("volume", &volume);
+    manager.add("name", &name);
+    manager.add("serial", &serial);
+    manager.add("hidden", &hidden);
+    manager.add("routes", &routes);
+  }
+  std::map<unsigned int, FieldType> fields{{3, FieldType(IPADDRESS, NO_RANGE, NO_RANGE)},
+                                           {4, FieldType(INTEGER, 0, 15)}};
+  SNMPInfo volumeInfo{kBase + ".1.0", READWRITE};
+  SNMPInfo nameInfo{kBase + ".2.0", READCREATE};
+  SNMPInfo serialInfo{kBase + ".3.0", READONLY};
+  SNMPInfo hiddenInfo{kBase + ".4.0", NOACCESS};
+  SNMPInfo routesInfo{kBase + ".5.1", READCREATE};
+  ParamGroup settings, network;
+  TableDef def;
+  Param volume, name, serial, hidden, routes;
+  ParamManager manager;
+};
+
+class SNMPAgentTest : public testing::Test {
+ protected:
+  void startAgent() {
+    port = freeUdpPort();
+    SNMPAgent::Options options;
+    options.port = port;
+    options.listenAddress = "127.0.0.1";
+    agent = std::make_unique<SNMPAgent>(&device->manager, options);
+    agent->start();
+    ASSERT_TRUE(waitFor([&] { return agent->isRunning(); }, milliseconds(10000)));
+  }
+  void TearDown() override {
+    if (agent) {
+      agent->stop();
+      agent->waitForFinish();
+    }
+    // Let a pending auto-save finish before the groups go away.
+    waitFor([&] { return !device->settings.isWorkerRunning() && !device->network.isWorkerRunning(); },
+            milliseconds(6000));
+  }
+  ToolResult snmp(const std::string& tool, std::vector<std::string> rest) {
+    std::vector<std::string> args{
+        tool, "-v", "2c", "-c", "vorpal", "-On", "-t", "1", "-r", "0", "127.0.0.1:" + std::to_string(port)};
+    args.insert(args.end(), rest.begin(), rest.end());
+    return runTool(args);
+  }
+
+  TempDir dir;
+  std::unique_ptr<Device> device = std::make_unique<Device>(dir.path());
+  std::unique_ptr<SNMPAgent> agent;
+  int port = 0;
+};
+
+}  // namespace
+
+TEST_F(SNMPAgentTest, ManagerWritesLandInTheGroupFiles) {
+  dir.write("network.txt", "routes.1 = 3:64:10.0.0.1 4:2:3 \n");
+  device->manager.loadAllGroups();
+  startAgent();
+
+  ToolResult r = snmp("snmpset", {"." + kBase + ".1.0", "i", "42", "." + kBase + ".2.0", "s", "kitchen"});
+  ASSERT_EQ(r.exitCode, 0) << r.out;
+  r = snmp("snmpset", {"." + kBase + ".5.1.4.1", "i", "9"});
+  ASSERT_EQ(r.exitCode, 0) << r.out;
+  // A new row in one PDU: RowStatus createAndGo with its values.
+  r = snmp("snmpset", {"." + kBase + ".5.1.2.7", "i", "4", "." + kBase + ".5.1.3.7", "a", "192.168.0.7",
+                       "." + kBase + ".5.1.4.7", "i", "2"});
+  ASSERT_EQ(r.exitCode, 0) << r.out;
+  r = snmp("snmpget", {"." + kBase + ".3.0", "." + kBase + ".5.1.3.7"});
+  EXPECT_NE(r.out.find("STRING: \"SN1\""), std::string::npos) << r.out;
+  EXPECT_NE(r.out.find("IpAddress: 192.168.0.7"), std::string::npos) << r.out;
+
+  const std::string settings =
+      "volume.0 = 0:2:42\nname.0 = 0:4:\"kitchen\"\nserial.0 = 0:4:\"SN1\"\nhidden.0 = 0:2:1\n";
+  const std::string network = "routes.1 = 3:64:10.0.0.1 4:2:9 \nroutes.7 = 3:64:192.168.0.7 4:2:2 \n";
+  EXPECT_TRUE(waitFor([&] { return dir.read("settings.txt") == settings; }, milliseconds(6000)))
+      << dir.read("settings.txt");
+  EXPECT_TRUE(waitFor([&] { return dir.read("network.txt") == network; }, milliseconds(6000)))
+      << dir.read("network.txt");
+
+  // A device booting from these files gets the values back.
+  Device rebooted(dir.path());
+  rebooted.manager.loadAllGroups();
+  EXPECT_EQ(rebooted.volume.getValue().getLong(), 42);
+  EXPECT_EQ(rebooted.name.getValue().getString(), "kitchen");
+  Variant metric;
+  ASSERT_TRUE(rebooted.routes.getTableCellValue({7}, 4, metric));
+  EXPECT_EQ(metric.getLong(), 2);
+}
+
+TEST_F(SNMPAgentTest, LifeCycleLogsInOrderAndCountsAccess) {
+  std::string log = captureLog(INFO, [&] {
+    startAgent();
+    agent->stop();
+    agent->waitForFinish();
+  });
+  const size_t listen = log.find("SNMPAgent: SNMP listen port " + std::to_string(port) + "\n");
+  const size_t handling = log.find("SNMPAgent: handling 1 RO entries, 3 RW entries\n");
+  const size_t finished = log.find("SNMPAgent: thread successfully started\n");
+  ASSERT_NE(listen, std::string::npos) << log;
+  ASSERT_NE(handling, std::string::npos) << log;
+  ASSERT_NE(finished, std::string::npos) << log;
+  EXPECT_LT(listen, handling);
+  EXPECT_LT(handling, finished);
+  EXPECT_EQ(agent->getEntries().size(), 4u);
+  EXPECT_FALSE(agent->isRunning());
+}
+
+TEST_F(SNMPAgentTest, BusyPortFailsAndTheNextStartWorks) {
+  int busy = socket(AF_INET, SOCK_DGRAM, 0);
+  sockaddr_in addr{};
+  addr.sin_family = AF_INET;
+  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t len = sizeof addr;
+  ASSERT_EQ(bind(busy, reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0);
+  getsockname(busy, reinterpret_cast<sockaddr*>(&addr), &len);
+  SNMPAgent::Options options;
+  options.port = ntohs(addr.sin_port);
+  options.listenAddress = "127.0.0.1";
+  SNMPAgent blocked(&device->manager, options);
+  std::string log = captureLog(WARNING, [&] {
+    blocked.start();
+    blocked.waitForFinish();
+  });
+  close(busy);
+  EXPECT_NE(log.find("SNMPAgent: SNMP cannot listen on port " + std::to_string(options.port) + "\n"), std::string::npos)
+      << log;
+  EXPECT_NE(log.find("SNMPAgent: Cannot initialize SNMP Agent!\n"), std::string::npos);
+  EXPECT_FALSE(blocked.isRunning());
+  blocked.stop();  // harmless
+
+  // A stop before start does not keep a later start from serving.
+  SNMPAgent later(&device->manager, freeUdpPort());
+  later.stop();
+  port = 0;
+  startAgent();
+  ToolResult r = snmp("snmpget", {"." + kBase + ".1.0"});
+  EXPECT_NE(r.out.find("INTEGER: 7"), std::string::npos) << r.out;
+}
