@@ -15,9 +15,10 @@ configure: deps
 build: configure
 	cmake --build $(BUILD) -j $(JOBS)
 
+# DEMO_ARGS="--port 16162 --log-level debug" passes options to the demo agent.
 demo: configure
-	cmake --build $(BUILD) -j $(JOBS) --target zelta_hello
-	$(BUILD)/examples/zelta_hello
+	cmake --build $(BUILD) -j $(JOBS) --target zelta_demo
+	$(BUILD)/examples/zelta_demo $(DEMO_ARGS)
 
 test: build
 	ctest --test-dir $(BUILD) --output-on-failure -j $(JOBS)
