@@ -21,6 +21,9 @@
 #include <thread>
 #include <vector>
 
+#include "test_util.h"
+#include "zelta/parammanager.h"
+#include "zelta/snmpagent.h"
 #include "zelta/snmpclient.h"
 
 using Quorvel::Kvan::SNMP::SNMPClient;
@@ -160,13 +163,55 @@ std::string answerOne(const UdpSocket& socket, const std::string& lastValue = ""
   return request;
 }
 
+// Our own SNMPAgent in this process, serving two writable string parameters:
+// the client and the agent share Net-SNMP and its lock.
+class OwnAgent {
+ public:
+  static constexpr const char* kWritableOid = "1.3.6.1.4.1.99999.8.1.0";
+  static constexpr const char* kOtherWritableOid = "1.3.6.1.4.1.99999.8.2.0";
+
+  OwnAgent() {
+    manager.add("contact", &contact);
+    manager.add("location", &location);
+  }
+  ~OwnAgent() {
+    if (agent) {
+      agent->stop();
+      agent->waitForFinish();
+    }
+  }
+  bool start(const std::string& rwCommunity) {
+    listenPort = UdpSocket().port;  // free now; the socket is closed again
+    Quorvel::Kvan::SNMP::SNMPAgent::Options options;
+    options.port = listenPort;
+    options.listenAddress = "127.0.0.1";
+    options.rwCommunity = rwCommunity;
+    agent = std::make_unique<Quorvel::Kvan::SNMP::SNMPAgent>(&manager, options);
+    agent->start();
+    return zelta_test::waitFor([&] { return agent->isRunning(); }, std::chrono::milliseconds(10000));
+  }
+  int port() const { return listenPort; }
+  std::string log() const { return "(own agent)"; }
+
+ private:
+  zelta_test::TempDir dir;
+  Quorvel::Kvan::ParamGroup group{"client", dir.file("client.txt")};
+  Quorvel::Kvan::SNMP::SNMPInfo contactInfo{kWritableOid, Quorvel::Kvan::SNMP::READWRITE};
+  Quorvel::Kvan::SNMP::SNMPInfo locationInfo{kOtherWritableOid, Quorvel::Kvan::SNMP::READWRITE};
+  Quorvel::Kvan::Param contact{group, Quorvel::Kvan::STRING, &contactInfo, Quorvel::Kvan::NEVER_SAVE};
+  Quorvel::Kvan::Param location{group, Quorvel::Kvan::STRING, &locationInfo, Quorvel::Kvan::NEVER_SAVE};
+  Quorvel::Kvan::ParamManager manager;
+  std::unique_ptr<Quorvel::Kvan::SNMP::SNMPAgent> agent;
+  int listenPort = 0;
+};
+
 template <class Agent>
 class SNMPClientAgainst : public ::testing::Test {
  protected:
   void SetUp() override { ASSERT_TRUE(agent.start("vorpal")) << agent.log(); }
   Agent agent;
 };
-using Agents = ::testing::Types<StockSnmpd>;
+using Agents = ::testing::Types<StockSnmpd, OwnAgent>;
 TYPED_TEST_SUITE(SNMPClientAgainst, Agents);
 
 }  // namespace
