@@ -58,7 +58,7 @@ class ZELTA_EXPORT Logging {
   LogChannel& operator[](const std::string& name);
   // "name<sep>level": sets the level of an existing channel to DEBUG (3) or
   // VERBOSE (4) only. Any other text or level returns false and changes nothing.
-  bool setLevelFromString(const std::string& spec, char separator);
+  bool setLevelFromString(const std::string& levelText, char separator);
 
  private:
   std::map<std::string, LogChannel> channels_;
