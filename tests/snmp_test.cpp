@@ -16,6 +16,23 @@
 #include "snmp_fixture.h"
 #include "zelta/common.h"
 
+#if defined(__SANITIZE_ADDRESS__)
+// Sanitizer builds: Net-SNMP leaks some of its own start-up structures at
+// every agent start. tests/lsan.supp lists them for running other programs
+// with LSAN_OPTIONS; this binary carries the same list, so that a plain
+// ctest run of a sanitizer build needs no environment. Full stacks are needed
+// because Net-SNMP has no frame pointers and the names must be seen.
+extern "C" const char* __asan_default_options();
+extern "C" const char* __lsan_default_suppressions();
+extern "C" const char* __asan_default_options() { return "fast_unwind_on_malloc=0"; }
+extern "C" const char* __lsan_default_suppressions() {
+  return "leak:netsnmp_certs_agent_init\n"
+         "leak:netsnmp_init_mib_internals\n"
+         "leak:init_sysORTable\n"
+         "leak:initialize_table_snmpNotifyFilterTable\n";
+}
+#endif
+
 namespace zelta_test {
 namespace {
 
