@@ -123,8 +123,9 @@ TEST(VbxConversion, StringsKeepTheirBytesUpTo1023) {
 
 // ---- SNMPInfo
 
+// The default (fork) death-test style: the re-executing one cannot start an
+// ARM binary under user-mode emulation.
 TEST(SNMPInfoDeathTest, OneEntryAtMostAndOnlyWhenSet) {
-  GTEST_FLAG_SET(death_test_style, "threadsafe");
   Variant v(1L);
   SNMPInfo info("1.3.6.1.4.1.99999.9.0", READWRITE);
   EXPECT_DEATH(info.entryAs<IntMibLeaf>(), "mibEntry != __null");
