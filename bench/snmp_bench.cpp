@@ -1,0 +1,357 @@
+// The embedded agent against the stock snmpd, in one run: GETs per second of
+// one scalar (one synchronous client), varbinds per second of snmpbulkwalk
+// over a 10,000-row table, and memory per table row. Both agents listen on
+// free loopback ports; snmpd is started here and killed by its PID.
+#include <arpa/inet.h>
+#include <benchmark/benchmark.h>
+#include <fcntl.h>
+#include <ftw.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <future>
+#include <map>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "../lib/src/agentengine.h"
+#include "zelta/mibtypes.h"
+#include "zelta/tabledef.h"
+
+using namespace Quorvel::Kvan;
+using namespace Quorvel::Kvan::SNMP;
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+const int kRows = 10000;
+const char kScalarOid[] = "1.3.6.1.4.1.99999.1.1.0";
+const char kTableOid[] = ".1.3.6.1.4.1.99999.2";
+const char kSnmpdScalarOid[] = "1.3.6.1.2.1.1.3.0";  // sysUpTime.0
+// Candidates for snmpd's largest table; the one with most varbinds is walked.
+const char* const kSnmpdTables[] = {".1.3.6.1.2.1.25.6.3", ".1.3.6.1.2.1.25.4.2", ".1.3.6.1.2.1.2.2",
+                                    ".1.3.6.1.2.1.4.20",   ".1.3.6.1.2.1.4.24.4", ".1.3.6.1.2.1.6.13",
+                                    ".1.3.6.1.2.1.7.5",    ".1.3.6.1.2.1.25.3.2"};
+
+int freeUdpPort() {
+  int fd = socket(AF_INET, SOCK_DGRAM, 0);
+  sockaddr_in addr{};
+  addr.sin_family = AF_INET;
+  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t len = sizeof addr;
+  int port = -1;
+  if (fd >= 0 && bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0 &&
+      getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &len) == 0)
+    port = ntohs(addr.sin_port);
+  if (fd >= 0) close(fd);
+  return port;
+}
+
+long residentBytes() {
+  FILE* f = fopen("/proc/self/statm", "r");
+  long pages = 0, resident = 0;
+  if (f != nullptr) {
+    if (fscanf(f, "%ld %ld", &pages, &resident) != 2) resident = 0;
+    fclose(f);
+  }
+  return resident * sysconf(_SC_PAGESIZE);
+}
+
+// ---- A minimal SNMPv2c GET client over a UDP socket
+
+std::string tlv(int tag, const std::string& content) {
+  std::string out(1, static_cast<char>(tag));
+  size_t n = content.size();
+  if (n < 128) {
+    out += static_cast<char>(n);
+  } else {
+    std::string bytes;
+    for (; n != 0; n >>= 8) bytes.insert(bytes.begin(), static_cast<char>(n & 0xff));
+    out += static_cast<char>(0x80 | bytes.size());
+    out += bytes;
+  }
+  return out + content;
+}
+
+std::string berInt(uint32_t v) {
+  std::string bytes;
+  do {
+    bytes.insert(bytes.begin(), static_cast<char>(v & 0xff));
+    v >>= 8;
+  } while (v != 0);
+  if (static_cast<unsigned char>(bytes[0]) & 0x80) bytes.insert(bytes.begin(), '\0');
+  return tlv(0x02, bytes);
+}
+
+std::string berOid(const char* dotted) {
+  std::vector<unsigned long> ids;
+  for (const char* p = dotted; *p != '\0';) {
+    ids.push_back(strtoul(p, const_cast<char**>(&p), 10));
+    if (*p == '.') ++p;
+  }
+  std::string out(1, static_cast<char>(ids[0] * 40 + ids[1]));
+  for (size_t i = 2; i < ids.size(); ++i) {
+    std::string sub(1, static_cast<char>(ids[i] & 0x7f));
+    for (unsigned long v = ids[i] >> 7; v != 0; v >>= 7) sub.insert(sub.begin(), static_cast<char>(0x80 | (v & 0x7f)));
+    out += sub;
+  }
+  return tlv(0x06, out);
+}
+
+class GetClient {
+ public:
+  GetClient(int port, const char* oid) : name(berOid(oid)) {
+    fd = socket(AF_INET, SOCK_DGRAM, 0);
+    sockaddr_in addr{};
+    addr.sin_family = AF_INET;
+    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    addr.sin_port = htons(static_cast<uint16_t>(port));
+    if (connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) {
+      close(fd);
+      fd = -1;
+    }
+  }
+  ~GetClient() {
+    if (fd >= 0) close(fd);
+  }
+  // One GET and its answer; false after a second without one.
+  bool get() {
+    std::string pdu = berInt(++requestId) + berInt(0) + berInt(0) + tlv(0x30, tlv(0x30, name + tlv(0x05, "")));
+    std::string packet = tlv(0x30, berInt(1) + tlv(0x04, "public") + tlv(0xA0, pdu));
+    if (fd < 0 || send(fd, packet.data(), packet.size(), 0) < 0) return false;
+    pollfd p{fd, POLLIN, 0};
+    char reply[1500];
+    return poll(&p, 1, 1000) == 1 && recv(fd, reply, sizeof reply, 0) > 0;
+  }
+
+ private:
+  int fd;
+  std::string name;
+  uint32_t requestId = 0;
+};
+
+// Runs a command without a shell and counts its output lines; -1 on failure.
+long countOutputLines(std::vector<std::string> args) {
+  int fds[2];
+  if (pipe(fds) != 0) return -1;
+  pid_t pid = fork();
+  if (pid == 0) {
+    dup2(fds[1], 1);
+    close(fds[0]);
+    close(fds[1]);
+    setenv("MIBS", "", 1);
+    std::vector<char*> argv;
+    for (std::string& a : args) argv.push_back(a.data());
+    argv.push_back(nullptr);
+    execvp(argv[0], argv.data());
+    _exit(127);
+  }
+  close(fds[1]);
+  long lines = 0;
+  char buf[65536];
+  ssize_t n;
+  while ((n = read(fds[0], buf, sizeof buf)) > 0)
+    for (ssize_t i = 0; i < n; ++i) lines += buf[i] == '\n';
+  close(fds[0]);
+  int status = 0;
+  waitpid(pid, &status, 0);
+  return WIFEXITED(status) && WEXITSTATUS(status) == 0 ? lines : -1;
+}
+
+// Varbinds of one snmpbulkwalk (25 repetitions per request), or -1.
+long bulkwalk(int port, const char* oid) {
+  return countOutputLines({"timeout", "60", "snmpbulkwalk", "-v2c", "-c", "public", "-Oqn", "-t", "10", "-r", "1",
+                           "-Cr25", "127.0.0.1:" + std::to_string(port), oid});
+}
+
+int removeOne(const char* path, const struct stat*, int, struct FTW*) { return ::remove(path); }
+
+// Both agents, started once for all benchmarks and stopped at exit.
+class Agents {
+ public:
+  static Agents& get() {
+    static Agents agents;
+    return agents;
+  }
+
+  bool ok() const { return zeltaUp && snmpdPid > 0; }
+  int zeltaPort = 0;
+  int snmpdPort = 0;
+  double bytesPerRow = 0;
+  std::string snmpdTable;
+  long snmpdTableVarbinds = 0;
+
+ private:
+  Agents() {
+    std::map<unsigned int, FieldType> fields{{2, FieldType(INTEGER, NO_RANGE, NO_RANGE)},
+                                             {3, FieldType(STRING, NO_RANGE, NO_RANGE)},
+                                             {4, FieldType(TIMETICKS, NO_RANGE, NO_RANGE)}};
+    def = TableDef({1}, 5, fields, 1);
+    tableValue = Variant(Table(&def));
+    scalar.setEntry(new IntMibLeaf(&scalar, &scalarValue));
+    table.setEntry(new DynMibTable(&table, &tableValue));
+
+    zeltaPort = freeUdpPort();
+    AgentConfig config;
+    config.listenAddress = "127.0.0.1";
+    config.port = zeltaPort;
+    auto started = std::make_shared<std::promise<bool>>();
+    std::future<bool> ready = started->get_future();
+    server = std::thread([this, config, started] {
+      bool up = engine.initialize(config, {scalar.getEntry(), table.getEntry()});
+      started->set_value(up);
+      while (up && !stop) engine.serveOnce(1);
+      engine.shutdown();
+    });
+    zeltaUp = ready.get();
+
+    // Rows as the file loader adds them, while the agent runs: the Table
+    // row, then the agent's copy.
+    long before = residentBytes();
+    DynMibTable* mib = table.entryAs<DynMibTable>();
+    Table* t = tableValue.getMutableTable();
+    for (unsigned long i = 1; i <= kRows; ++i) {
+      t->addOrUpdateRow({i});
+      t->setCellValue({i}, 2, static_cast<long>(i));
+      t->setCellValue({i}, 3, std::string("row ") + std::to_string(i));
+      t->setCellValue({i}, 4, static_cast<long>(i * 100));
+      mib->addRow({i}, t->getRow({i}));
+    }
+    bytesPerRow = static_cast<double>(residentBytes() - before) / kRows;
+
+    startSnmpd();
+    for (const char* candidate : kSnmpdTables) {
+      long n = snmpdPid > 0 ? bulkwalk(snmpdPort, candidate) : -1;
+      if (n > snmpdTableVarbinds) {
+        snmpdTableVarbinds = n;
+        snmpdTable = candidate;
+      }
+    }
+  }
+
+  ~Agents() {
+    if (snmpdPid > 0) {
+      kill(snmpdPid, SIGTERM);
+      int status = 0;
+      for (int i = 0; i < 50 && waitpid(snmpdPid, &status, WNOHANG) == 0; ++i) usleep(100000);
+      if (waitpid(snmpdPid, &status, WNOHANG) == 0) {
+        kill(snmpdPid, SIGKILL);
+        waitpid(snmpdPid, &status, 0);
+      }
+    }
+    if (!snmpdDir.empty()) nftw(snmpdDir.c_str(), removeOne, 8, FTW_DEPTH | FTW_PHYS);
+    stop = true;
+    engine.wakeUp();
+    if (server.joinable()) server.join();
+  }
+
+  void startSnmpd() {
+    char pattern[] = "/tmp/zelta-snmpd-XXXXXX";
+    if (mkdtemp(pattern) == nullptr) return;
+    snmpdDir = pattern;
+    snmpdPort = freeUdpPort();
+    std::string conf = snmpdDir + "/snmpd.conf";
+    FILE* f = fopen(conf.c_str(), "w");
+    if (f == nullptr) return;
+    fprintf(f, "agentaddress udp:127.0.0.1:%d\nrocommunity public 127.0.0.1\n", snmpdPort);
+    fclose(f);
+    snmpdPid = fork();
+    if (snmpdPid == 0) {
+      int devnull = open("/dev/null", O_WRONLY);
+      dup2(devnull, 1);
+      dup2(devnull, 2);
+      setenv("SNMP_PERSISTENT_DIR", snmpdDir.c_str(), 1);
+      setenv("MIBS", "", 1);
+      execl("/usr/sbin/snmpd", "snmpd", "-f", "-Lo", "-C", "-c", conf.c_str(), static_cast<char*>(nullptr));
+      _exit(127);
+    }
+    // Ready once it answers.
+    GetClient probe(snmpdPort, kSnmpdScalarOid);
+    for (int i = 0; i < 50 && snmpdPid > 0; ++i)
+      if (probe.get()) return;
+  }
+
+  TableDef def;
+  Variant scalarValue{42L};
+  Variant tableValue;
+  SNMPInfo scalar{kScalarOid, READWRITE};
+  SNMPInfo table{".1.3.6.1.4.1.99999.2.1", READCREATE};
+  AgentEngine engine;
+  std::thread server;
+  std::atomic<bool> stop{false};
+  bool zeltaUp = false;
+  pid_t snmpdPid = -1;
+  std::string snmpdDir;
+};
+
+double getsPerSecond(int port, const char* oid, int count) {
+  GetClient client(port, oid);
+  auto start = Clock::now();
+  int answered = 0;
+  for (int i = 0; i < count; ++i) answered += client.get() ? 1 : 0;
+  double seconds = std::chrono::duration<double>(Clock::now() - start).count();
+  return answered == count ? count / seconds : 0;
+}
+
+void BM_ScalarGet(benchmark::State& state) {
+  Agents& agents = Agents::get();
+  if (!agents.ok()) return state.SkipWithError("an agent did not start");
+  double zelta = 0, snmpd = 0;
+  for (auto _ : state) {
+    zelta += getsPerSecond(agents.zeltaPort, kScalarOid, 5000);
+    snmpd += getsPerSecond(agents.snmpdPort, kSnmpdScalarOid, 5000);
+  }
+  double n = static_cast<double>(state.iterations());
+  state.counters["zelta_gets_per_s"] = zelta / n;
+  state.counters["snmpd_gets_per_s"] = snmpd / n;
+  state.counters["ratio"] = snmpd > 0 ? zelta / snmpd : 0;
+}
+BENCHMARK(BM_ScalarGet)->Iterations(3)->Unit(benchmark::kMillisecond)->UseRealTime();
+
+void BM_TableBulkwalk(benchmark::State& state) {
+  Agents& agents = Agents::get();
+  if (!agents.ok() || agents.snmpdTable.empty()) return state.SkipWithError("an agent did not start");
+  double zeltaSeconds = 0, snmpdSeconds = 0;
+  long zeltaVarbinds = 0, snmpdVarbinds = 0;
+  for (auto _ : state) {
+    auto start = Clock::now();
+    zeltaVarbinds += bulkwalk(agents.zeltaPort, kTableOid);
+    auto middle = Clock::now();
+    snmpdVarbinds += bulkwalk(agents.snmpdPort, agents.snmpdTable.c_str());
+    snmpdSeconds += std::chrono::duration<double>(Clock::now() - middle).count();
+    zeltaSeconds += std::chrono::duration<double>(middle - start).count();
+  }
+  double zelta = zeltaVarbinds / zeltaSeconds, snmpd = snmpdVarbinds / snmpdSeconds;
+  double n = static_cast<double>(state.iterations());
+  state.counters["zelta_varbinds"] = static_cast<double>(zeltaVarbinds) / n;
+  state.counters["zelta_walk_s"] = zeltaSeconds / n;
+  state.counters["zelta_varbinds_per_s"] = zelta;
+  state.counters["snmpd_varbinds"] = static_cast<double>(snmpdVarbinds) / n;
+  state.counters["snmpd_varbinds_per_s"] = snmpd;
+  state.counters["ratio"] = snmpd > 0 ? zelta / snmpd : 0;
+  state.SetLabel("snmpd table " + agents.snmpdTable);
+}
+BENCHMARK(BM_TableBulkwalk)->Iterations(3)->Unit(benchmark::kMillisecond)->UseRealTime();
+
+// Resident memory per row of a 10,000-row table: the Table row, the agent's
+// copy and Net-SNMP's row together.
+void BM_MemoryPerRow(benchmark::State& state) {
+  double bytesPerRow = Agents::get().bytesPerRow;
+  for (auto _ : state) benchmark::DoNotOptimize(bytesPerRow);
+  state.counters["bytes_per_row"] = benchmark::Counter(bytesPerRow);
+}
+BENCHMARK(BM_MemoryPerRow)->Iterations(1);
+
+}  // namespace
