@@ -462,6 +462,30 @@ TEST_F(TableTest, RowStatusLifeCycle) {
   EXPECT_EQ(mib().getRowStatus(std::vector<unsigned long>{2}), -1);
 }
 
+TEST_F(TableTest, SurvivesRestartsAndDuplicateRegistrations) {
+  // A second object on an OID already served is refused; the first keeps
+  // serving.
+  Variant first(1L), second(2L);
+  SNMPInfo leaf(kBase + ".1.9.0", READWRITE), sameLeaf(kBase + ".1.9.0", READWRITE);
+  leaf.setEntry(new IntMibLeaf(&leaf, &first));
+  sameLeaf.setEntry(new IntMibLeaf(&sameLeaf, &second));
+  SNMPInfo sameTable(kBase + ".2.1", READCREATE);
+  Variant otherTable{Table(&def)};
+  sameTable.setEntry(new DynMibTable(&sameTable, &otherTable));
+  stopAgent();
+  ASSERT_TRUE(startAgent({info.getEntry(), leaf.getEntry(), sameLeaf.getEntry(), sameTable.getEntry()}));
+  EXPECT_EQ(engine.registeredEntries(), (std::vector<MibEntry*>{info.getEntry(), leaf.getEntry()}));
+  ToolResult r = get("2c", {cell(3, "1"), kBase + ".1.9.0"});
+  EXPECT_EQ(valueOf(r.out, cell(3, "1")), "INTEGER: 7");
+  EXPECT_EQ(valueOf(r.out, kBase + ".1.9.0"), "INTEGER: 1");
+  stopAgent();
+  ASSERT_TRUE(startAgent({info.getEntry()}));
+  EXPECT_EQ(valueOf(get("2c", {cell(3, "1")}).out, cell(3, "1")), "INTEGER: 7");
+  mib().setAccess(READONLY);
+  EXPECT_EQ(errorStatus(set("2c", {cell(3, "1"), "i", "9"}).out), 17);
+  EXPECT_EQ(errorStatus(set("2c", {cell(2, "9"), "i", "5"}).out), 17);
+}
+
 TEST_F(TableTest, LoadedRowsAreActiveWithoutNotice) {
   EXPECT_TRUE(mib().isRowActive({1}));
   EXPECT_FALSE(mib().addRow({1, 2}, {}));
