@@ -173,3 +173,17 @@ TEST_F(SNMPAgentTest, BusyPortFailsAndTheNextStartWorks) {
   ToolResult r = snmp("snmpget", {"." + kBase + ".1.0"});
   EXPECT_NE(r.out.find("INTEGER: 7"), std::string::npos) << r.out;
 }
+
+// A host hook that throws must not take the device down: the request fails.
+TEST_F(SNMPAgentTest, ThrowingHookFailsTheRequestOnly) {
+  device->volume.setValidator([](const Variant&, const ExtraInfo*) -> bool { throw std::runtime_error("bad hook"); });
+  startAgent();
+  std::string log = captureLog(ERROR, [&] {
+    ToolResult r = snmp("snmpset", {"." + kBase + ".1.0", "i", "5"});
+    EXPECT_NE(r.out.find("genError"), std::string::npos) << r.out;
+  });
+  EXPECT_NE(log.find("SNMP: request failed, a hook threw: bad hook\n"), std::string::npos) << log;
+  EXPECT_EQ(device->volume.getValueCopy().getLong(), 7);
+  ToolResult r = snmp("snmpget", {"." + kBase + ".1.0"});
+  EXPECT_NE(r.out.find("INTEGER: 7"), std::string::npos) << r.out;
+}

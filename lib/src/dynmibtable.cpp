@@ -155,6 +155,10 @@ void answerCell(netsnmp_variable_list* vb, const MibCell& cell) {
 struct DynMibTable::Handler {
   static int handle(netsnmp_mib_handler* handler, netsnmp_handler_registration* reginfo,
                     netsnmp_agent_request_info* reqinfo, netsnmp_request_info* requests) {
+    return internal::guardHandler([&] { return handleUnguarded(handler, reginfo, reqinfo, requests); }, requests);
+  }
+  static int handleUnguarded(netsnmp_mib_handler* handler, netsnmp_handler_registration* reginfo,
+                             netsnmp_agent_request_info* reqinfo, netsnmp_request_info* requests) {
     auto* self = static_cast<DynMibTable*>(handler->myvoid);
     std::lock_guard<std::recursive_mutex> lock(agentLock());
     switch (reqinfo->mode) {

@@ -17,8 +17,8 @@ namespace {
 // One leaf per registration, reached through the handler's myvoid. The
 // instance helper in front of it lets only the exact OID through and turns
 // GETNEXT into GET.
-int leafHandler(netsnmp_mib_handler* handler, netsnmp_handler_registration* /*reginfo*/,
-                netsnmp_agent_request_info* reqinfo, netsnmp_request_info* requests) {
+int leafHandlerUnguarded(netsnmp_mib_handler* handler, netsnmp_agent_request_info* reqinfo,
+                         netsnmp_request_info* requests) {
   auto* leaf = static_cast<MibLeaf*>(handler->myvoid);
   std::lock_guard<std::recursive_mutex> lock(agentLock());
   for (netsnmp_request_info* request = requests; request != nullptr; request = request->next) {
@@ -48,6 +48,11 @@ int leafHandler(netsnmp_mib_handler* handler, netsnmp_handler_registration* /*re
     }
   }
   return SNMP_ERR_NOERROR;
+}
+
+int leafHandler(netsnmp_mib_handler* handler, netsnmp_handler_registration* /*reginfo*/,
+                netsnmp_agent_request_info* reqinfo, netsnmp_request_info* requests) {
+  return internal::guardHandler([&] { return leafHandlerUnguarded(handler, reqinfo, requests); }, requests);
 }
 
 }  // namespace

@@ -22,9 +22,12 @@
 #undef FREE
 #undef UNDO
 
+#include <exception>
 #include <string>
 #include <type_traits>
 #include <vector>
+
+#include "zelta/logging.h"
 
 static_assert(std::is_same<oid, unsigned long>::value, "OIDs are kept as vectors of unsigned long");
 
@@ -45,6 +48,23 @@ std::string printable(const netsnmp_variable_list& vb);
 // Marks a failed read: Net-SNMP maps SET errors to SNMPv1 by itself but not
 // errors of GET requests, so v1 gets genErr here.
 void setReadError(netsnmp_agent_request_info* reqinfo, netsnmp_request_info* request, int v2Status);
+
+// Runs a request handler. Validators, fillers and hooks of the host run inside
+// it; an exception they throw must not unwind through Net-SNMP's C frames
+// (that would end the process), so it fails the request with genErr instead.
+template <class Handler>
+int guardHandler(Handler&& handler, netsnmp_request_info* requests) noexcept {
+  const char* what = "unknown exception";
+  try {
+    return handler();
+  } catch (const std::exception& e) {
+    what = e.what();
+  } catch (...) {
+  }
+  Log["libzelta"].append(ERROR, "SNMP: request failed, a hook threw: %s\n", what);
+  netsnmp_request_set_error_all(requests, SNMP_ERR_GENERR);
+  return SNMP_ERR_NOERROR;
+}
 
 }  // namespace Quorvel::Kvan::SNMP::internal
 
