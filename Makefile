@@ -31,3 +31,9 @@ clean:
 .PHONY: test-armhf
 test-armhf:
 	JOBS=$(JOBS) scripts/armhf.sh
+
+# Debian package (libzelta1_<version>_<arch>.deb) of the library, headers, CMake
+# package and zelta.pc, made by CPack into $(BUILD)/; see cmake/ZeltaPackaging.cmake.
+.PHONY: package
+package: build
+	cd $(BUILD) && cpack -G DEB --config CPackConfig.cmake
