@@ -498,7 +498,8 @@ TEST_F(TableTest, WalksAThousandRowsAddedWhileServing) {
 class TwoIndexTableTest : public TableTest {
  protected:
   TwoIndexTableTest() {
-    std::map<unsigned int, FieldType> fields{{4, FieldType(INTEGER, NO_RANGE, NO_RANGE)}};
+    // Column 4 is left out: a walk must step over it.
+    std::map<unsigned int, FieldType> fields{{5, FieldType(INTEGER, NO_RANGE, NO_RANGE)}};
     def2 = TableDef({1, 2}, 3, fields, 2);
     value2 = Variant(Table(&def2));
     value2.setListener(&listener);
@@ -514,11 +515,13 @@ class TwoIndexTableTest : public TableTest {
 };
 
 TEST_F(TwoIndexTableTest, RowsHaveTwoComponentIndexes) {
-  EXPECT_EQ(errorStatus(set("2c", {cell2(3, "3.4"), "i", "4", cell2(4, "3.4"), "i", "-2"}).out), 0);
-  EXPECT_EQ((value2.getTable()[{3, 4}].at(4).getLong()), -2);
-  ToolResult walk = tool("snmpwalk", "2c", "public", {kBase + ".3"});
-  EXPECT_EQ(valueOf(walk.out, cell2(4, "3.4")), "INTEGER: -2");
+  EXPECT_EQ(errorStatus(set("2c", {cell2(3, "3.4"), "i", "4", cell2(5, "3.4"), "i", "-2"}).out), 0);
+  EXPECT_EQ((value2.getTable()[{3, 4}].at(5).getLong()), -2);
+  ToolResult walk = tool("snmpbulkwalk", "2c", "public", {kBase + ".3"});
+  EXPECT_EQ(valueOf(walk.out, cell2(5, "3.4")), "INTEGER: -2");
   EXPECT_EQ(valueOf(walk.out, cell2(3, "3.4")), "INTEGER: 1");
+  EXPECT_EQ(walk.out.find(cell2(4, "")), std::string::npos);
+  EXPECT_EQ(valueOf(get("2c", {cell2(4, "3.4")}).out, cell2(4, "3.4")).rfind("No Such Object", 0), 0u);
   // The RowStatus column of this table with the other table's row index.
   EXPECT_EQ(errorStatus(set("2c", {cell2(3, "1"), "i", "1"}).out), 11);
   EXPECT_EQ(errorStatus(set("2c", {cell2(3, "1.1"), "i", "1"}).out), 12);

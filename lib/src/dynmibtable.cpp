@@ -219,8 +219,11 @@ void DynMibTable::get_request(netsnmp_agent_request_info_s* reqinfo, netsnmp_req
     // Looked up again: the filler may have changed the table.
     auto it = rows.find(indexes);
     MibCell* cell = it == rows.end() ? nullptr : it->second.cell(info->colnum);
-    if (it == rows.end() || (cell == nullptr && info->colnum != rowStatusColumn)) {
+    if (it == rows.end()) {
       netsnmp_set_request_error(reqinfo, request, SNMP_NOSUCHINSTANCE);
+    } else if (cell == nullptr && info->colnum != rowStatusColumn) {
+      // A column that is not served; a walk goes on with the next one.
+      netsnmp_set_request_error(reqinfo, request, SNMP_NOSUCHOBJECT);
     } else if (cell == nullptr) {
       long status = it->second.rowStatus;
       snmp_set_var_typed_value(request->requestvb, ASN_INTEGER, &status, sizeof status);
@@ -785,23 +788,10 @@ bool DynMibTable::registerEntry() {
   // One implied OID index takes every sub-identifier after the column; the
   // number of components is checked here, per request.
   netsnmp_table_helper_add_indexes(tableInfo, ASN_PRIV_IMPLIED_OBJECT_ID, 0);
+  // Columns in between that are not served (index columns, types that are
+  // not published) answer noSuchObject, which GETNEXT skips.
   tableInfo->min_column = served.front();
   tableInfo->max_column = served.back();
-  if (served.back() - served.front() + 1 != served.size()) {
-    // Walks skip the columns in between (index columns, unpublished types).
-    auto* valid = SNMP_MALLOC_TYPEDEF(netsnmp_column_info);
-    auto* list = static_cast<unsigned int*>(malloc(served.size() * sizeof(unsigned int)));
-    if (valid != nullptr && list != nullptr) {
-      memcpy(list, served.data(), served.size() * sizeof(unsigned int));
-      valid->isRange = 0;
-      valid->list_count = static_cast<char>(served.size() < 127 ? served.size() : 127);
-      valid->details.list = list;
-      tableInfo->valid_columns = valid;
-    } else {
-      free(valid);
-      free(list);
-    }
-  }
 
   tdata = netsnmp_tdata_create_table("zeltaTable", 0);
   netsnmp_handler_registration* reg = netsnmp_create_handler_registration("zeltaTable", Handler::handle, entry.data(),
@@ -832,10 +822,6 @@ void DynMibTable::freeRegistrationData_nolock() {
     tdata = nullptr;
   }
   if (tableInfo != nullptr) {
-    if (tableInfo->valid_columns != nullptr) {
-      free(tableInfo->valid_columns->details.list);
-      free(tableInfo->valid_columns);
-    }
     netsnmp_table_registration_info_free(tableInfo);
     tableInfo = nullptr;
   }
