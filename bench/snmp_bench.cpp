@@ -212,7 +212,8 @@ class Agents {
     server = std::thread([this, config, started] {
       bool up = engine.initialize(config, {scalar.getEntry(), table.getEntry()});
       started->set_value(up);
-      while (up && !stop) engine.serveOnce(1);
+      auto deadline = Clock::now() + std::chrono::minutes(30);
+      while (up && !stop && Clock::now() < deadline) engine.serveOnce(1);
       engine.shutdown();
     });
     zeltaUp = ready.get();

@@ -13,6 +13,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <chrono>
 #include <cstdlib>
 #include <future>
 #include <map>
@@ -182,7 +183,9 @@ class AgentTest : public ::testing::Test {
     server = std::thread([this, entries, config, started] {
       bool ok = engine.initialize(config, entries);
       started->set_value(ok);
-      while (ok && !stopFlag) engine.serveOnce(1);
+      // Bounded in time too, should a test never stop it.
+      auto deadline = std::chrono::steady_clock::now() + std::chrono::minutes(10);
+      while (ok && !stopFlag && std::chrono::steady_clock::now() < deadline) engine.serveOnce(1);
       engine.shutdown();
     });
     bool ok = ready.get();
