@@ -18,6 +18,7 @@
 #include <future>
 #include <map>
 #include <memory>
+#include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
@@ -148,6 +149,7 @@ inline std::ostream& operator<<(std::ostream& os, const Change& c) {
 class RecordingListener final : public IChangeListener {
  public:
   bool fill(Variant& /*value*/, const ExtraInfo* info) override {
+    if (fillThrows) throw std::runtime_error("filler failed");
     fills.push_back(info != nullptr ? Change{"fill", info->action, info->column, info->rowIdx}
                                     : Change{"fill", 0, 0, {}});
     return fillResult;
@@ -163,6 +165,7 @@ class RecordingListener final : public IChangeListener {
   }
 
   bool fillResult = true;
+  bool fillThrows = false;
   std::function<bool(const Variant&)> validator;
   int validations = 0;
   std::vector<Change> fills;

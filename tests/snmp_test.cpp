@@ -340,6 +340,12 @@ TEST_F(TableTest, ReadsCellsAfterTheFiller) {
   listener.fillResult = false;
   EXPECT_EQ(errorStatus(get("2c", {cell(3, "1")}).out), 13);
   EXPECT_EQ(errorStatus(get("1", {cell(3, "1")}).out), 5);
+  // A filler that throws fails the request, not the agent.
+  listener.fillThrows = true;
+  EXPECT_EQ(errorStatus(get("2c", {cell(3, "1")}).out), 5);
+  listener.fillThrows = false;
+  listener.fillResult = true;
+  EXPECT_EQ(valueOf(get("2c", {cell(3, "1")}).out, cell(3, "1")), "INTEGER: 7");
 }
 
 TEST_F(TableTest, WritesCellsIntoTheTableAndNotifies) {

@@ -54,14 +54,16 @@ void setReadError(netsnmp_agent_request_info* reqinfo, netsnmp_request_info* req
 // (that would end the process), so it fails the request with genErr instead.
 template <class Handler>
 int guardHandler(Handler&& handler, netsnmp_request_info* requests) noexcept {
-  const char* what = "unknown exception";
+  // A copy: the exception, and the text it points to, are gone after the
+  // catch block.
+  std::string what = "unknown exception";
   try {
     return handler();
   } catch (const std::exception& e) {
     what = e.what();
   } catch (...) {
   }
-  Log["libzelta"].append(ERROR, "SNMP: request failed, a hook threw: %s\n", what);
+  Log["libzelta"].append(ERROR, "SNMP: request failed, a hook threw: %s\n", what.c_str());
   netsnmp_request_set_error_all(requests, SNMP_ERR_GENERR);
   return SNMP_ERR_NOERROR;
 }
