@@ -183,7 +183,7 @@ AgentEngine::~AgentEngine() {
 }
 
 bool AgentEngine::initialize(const AgentConfig& config, const std::vector<MibEntry*>& entries) {
-  std::lock_guard<std::recursive_mutex> lock(agentLock());
+  std::lock_guard lock(agentLock());
   if (initialized || activeEngine != nullptr) {
     Log["libzelta"].append(WARNING, "AgentEngine: an SNMP agent already runs in this process, not starting another\n");
     return false;
@@ -246,7 +246,7 @@ void AgentEngine::serveOnce(int maxSeconds) {
   int block = 0;
   struct timeval timeout = {maxSeconds, 0};
   {
-    std::lock_guard<std::recursive_mutex> lock(agentLock());
+    std::lock_guard lock(agentLock());
     if (!initialized) {
       netsnmp_large_fd_set_cleanup(&fds);
       return;
@@ -262,7 +262,7 @@ void AgentEngine::serveOnce(int maxSeconds) {
   int count = select(numfds, fds.lfs_setptr, nullptr, nullptr, &timeout);
   int selectErrno = errno;
 
-  std::lock_guard<std::recursive_mutex> lock(agentLock());
+  std::lock_guard lock(agentLock());
   if (initialized) {
     if (count > 0) {
       if (wakePipe[0] >= 0 && NETSNMP_LARGE_FD_ISSET(wakePipe[0], &fds)) {
@@ -283,7 +283,7 @@ void AgentEngine::serveOnce(int maxSeconds) {
 }
 
 void AgentEngine::shutdown() {
-  std::lock_guard<std::recursive_mutex> lock(agentLock());
+  std::lock_guard lock(agentLock());
   if (initialized) cleanUp_nolock();
 }
 

@@ -160,7 +160,7 @@ struct DynMibTable::Handler {
   static int handleUnguarded(netsnmp_mib_handler* handler, netsnmp_handler_registration* reginfo,
                              netsnmp_agent_request_info* reqinfo, netsnmp_request_info* requests) {
     auto* self = static_cast<DynMibTable*>(handler->myvoid);
-    std::lock_guard<std::recursive_mutex> lock(agentLock());
+    std::lock_guard lock(agentLock());
     switch (reqinfo->mode) {
       case MODE_GET:
         self->get_request(reqinfo, requests);
@@ -420,7 +420,7 @@ DynMibTable::DynMibTable(SNMPInfo* info, Variant* boundValue)
 
 DynMibTable::~DynMibTable() {
   if (isRegistered()) {
-    std::lock_guard<std::recursive_mutex> lock(agentLock());
+    std::lock_guard lock(agentLock());
     DynMibTable::unregisterEntry();
     AgentEngine::forgetEntry_nolock(this);
   }
@@ -500,7 +500,7 @@ bool DynMibTable::addRow(std::vector<unsigned long> indexes, std::map<unsigned i
       Log["libzelta"].append(DEBUG, "DynMibTable: cannot add row, index component %lu is above 32 bits\n", component);
       return false;
     }
-  std::lock_guard<std::recursive_mutex> lock(agentLock());
+  std::lock_guard lock(agentLock());
   auto it = rows.find(indexes);
   if (it == rows.end()) {
     it = rows.emplace(indexes, newRow()).first;
@@ -551,7 +551,7 @@ bool DynMibTable::isRowActive(const std::vector<unsigned long>& indexes) {
 }
 
 void DynMibTable::removeRow(const std::vector<unsigned long>& indexes) {
-  std::lock_guard<std::recursive_mutex> lock(agentLock());
+  std::lock_guard lock(agentLock());
   bool wasActive = false;
   auto it = rows.find(indexes);
   if (it != rows.end()) {
@@ -567,7 +567,7 @@ void DynMibTable::removeRow(const std::vector<unsigned long>& indexes) {
 void DynMibTable::removeRow(const std::string& index) { removeRow(convertToIndexOids(index)); }
 
 MibCell* DynMibTable::getCell(const std::vector<unsigned long>& indexes, const unsigned int& column) {
-  std::lock_guard<std::recursive_mutex> lock(agentLock());
+  std::lock_guard lock(agentLock());
   auto it = rows.find(indexes);
   MibCell* cell = it == rows.end() ? nullptr : it->second.cell(column);
   if (cell == nullptr) ZELTA_TRACE();
@@ -576,7 +576,7 @@ MibCell* DynMibTable::getCell(const std::vector<unsigned long>& indexes, const u
 
 bool DynMibTable::setCellValue(const std::vector<unsigned long>& indexes, const unsigned int& column,
                                const long& newValue) {
-  std::lock_guard<std::recursive_mutex> lock(agentLock());
+  std::lock_guard lock(agentLock());
   MibCell* cell = getCell(indexes, column);
   if (cell == nullptr) return false;
   if (cell->type == INTEGER) {
@@ -593,7 +593,7 @@ bool DynMibTable::setCellValue(const std::vector<unsigned long>& indexes, const 
 
 bool DynMibTable::setCellValue(const std::vector<unsigned long>& indexes, const unsigned int& column,
                                const std::string& newValue) {
-  std::lock_guard<std::recursive_mutex> lock(agentLock());
+  std::lock_guard lock(agentLock());
   auto it = rows.find(indexes);
   MibCell* cell = getCell(indexes, column);
   if (cell == nullptr) return false;
@@ -630,7 +630,7 @@ bool DynMibTable::setCellValue(const std::vector<unsigned long>& indexes, const 
 }
 
 int DynMibTable::getRowStatus(const std::vector<unsigned long>& indexes) {
-  std::lock_guard<std::recursive_mutex> lock(agentLock());
+  std::lock_guard lock(agentLock());
   auto it = rows.find(indexes);
   return it == rows.end() ? -1 : it->second.rowStatus;
 }
@@ -649,7 +649,7 @@ std::vector<unsigned long> DynMibTable::convertToIndexOids(const std::string& te
 
 bool DynMibTable::findCellCoords(const std::string& text, std::vector<unsigned long>& indexes, int& column) {
   std::vector<unsigned long> parts = convertToIndexOids(text);
-  std::lock_guard<std::recursive_mutex> lock(agentLock());
+  std::lock_guard lock(agentLock());
   for (size_t n = 1; n <= 7 && n < parts.size(); ++n) {
     RowIdx candidate(parts.end() - static_cast<std::ptrdiff_t>(n), parts.end());
     if (rows.count(candidate) != 0) {
@@ -672,7 +672,7 @@ bool DynMibTable::isNewRowCreationRequest(const std::string& text, std::vector<u
 }
 
 void DynMibTable::refreshDataOnCreateRow(const std::vector<unsigned long>& indexes) {
-  std::lock_guard<std::recursive_mutex> lock(agentLock());
+  std::lock_guard lock(agentLock());
   auto it = rows.find(indexes);
   const MibRow* mtRow = it == rows.end() ? nullptr : &it->second;
   ZELTA_ASSERT(mtRow != nullptr, "mtRow != __null");

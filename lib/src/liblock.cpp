@@ -2,10 +2,12 @@
 
 namespace Quorvel::Kvan {
 
-std::recursive_mutex& libraryLock() {
+LibraryMutex& libraryMutex() {
   // Never destroyed: detached save workers may still take it during exit.
-  static auto* lock = new std::recursive_mutex();
-  return *lock;
+  static auto* mutex = new LibraryMutex();
+  return *mutex;
 }
+
+std::recursive_mutex& libraryLock() { return libraryMutex().native(); }
 
 }  // namespace Quorvel::Kvan

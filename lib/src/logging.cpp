@@ -40,7 +40,7 @@ LogChannel::LogChannel(const std::string& channelName, EventType channelLevel)
     : name(channelName), level(channelLevel) {}
 
 std::string LogChannel::append(EventType msgLevel, const char* format, ...) {
-  if (msgLevel > level) return std::string();
+  if (msgLevel > level.load(std::memory_order_relaxed)) return std::string();
 
   pthread_mutex_lock(&mutex);
   timeval tv{};

@@ -20,7 +20,7 @@ namespace {
 int leafHandlerUnguarded(netsnmp_mib_handler* handler, netsnmp_agent_request_info* reqinfo,
                          netsnmp_request_info* requests) {
   auto* leaf = static_cast<MibLeaf*>(handler->myvoid);
-  std::lock_guard<std::recursive_mutex> lock(agentLock());
+  std::lock_guard lock(agentLock());
   for (netsnmp_request_info* request = requests; request != nullptr; request = request->next) {
     if (request->processed) continue;
     const netsnmp_variable_list& vb = *request->requestvb;
@@ -64,7 +64,7 @@ MibLeaf::MibLeaf(SNMPInfo* info, Variant* boundValue, unsigned char leafSyntax, 
 
 MibLeaf::~MibLeaf() {
   if (isRegistered()) {
-    std::lock_guard<std::recursive_mutex> lock(agentLock());
+    std::lock_guard lock(agentLock());
     MibLeaf::unregisterEntry();
     AgentEngine::forgetEntry_nolock(this);
   }
@@ -73,7 +73,7 @@ MibLeaf::~MibLeaf() {
 void MibLeaf::setAccess(mib_access mode) { storeAccess(mode); }
 
 void MibLeaf::refreshFromVariant() {
-  std::lock_guard<std::recursive_mutex> lock(agentLock());
+  std::lock_guard lock(agentLock());
   loadFrom(*value);
 }
 

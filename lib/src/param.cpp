@@ -9,8 +9,6 @@
 
 namespace Quorvel::Kvan {
 
-using LockGuard = std::lock_guard<std::recursive_mutex>;
-
 Param::Param(ParamGroup& paramGroup, ValueType paramType, Variant initial, SNMP::SNMPInfo* info, ParamSavePolicy policy,
              Range paramRange)
     : group(&paramGroup), snmpInfo(info), type(paramType), savePolicy(policy), range(paramRange) {
@@ -101,17 +99,17 @@ void Param::fillSnmpInfo() {
 }
 
 void Param::setName(const std::string& newName) {
-  LockGuard lock(libraryLock());
+  LibraryLockGuard lock(libraryMutex());
   name = newName;
 }
 
 std::string Param::getName() const {
-  LockGuard lock(libraryLock());
+  LibraryLockGuard lock(libraryMutex());
   return name;
 }
 
 Variant Param::getValueCopy() const {
-  LockGuard lock(libraryLock());
+  LibraryLockGuard lock(libraryMutex());
   return Variant(value);
 }
 
@@ -124,32 +122,38 @@ void Param::setValue(std::string& v) { setValue(Variant(v)); }
 void Param::setValue(const Table& v) { setValue(Variant(v)); }
 
 void Param::setValue(const Variant& v) {
-  LockGuard lock(libraryLock());
+  LibraryLockGuard lock(libraryMutex());
+  // A table is copied into the Table object the parameter already holds: a
+  // published table's SNMP side keeps pointing at that object.
+  if (&v != &value && value.getType() == VariantType::TABLEDEF && v.getType() == VariantType::TABLEDEF) {
+    *value.getMutableTable() = v.getTable();
+    return;
+  }
   value = v;
 }
 
 void Param::setValidator(const std::function<bool(const Variant&, const ExtraInfo*)>&& fn) {
-  LockGuard lock(libraryLock());
+  LibraryLockGuard lock(libraryMutex());
   validator = fn;
 }
 
 void Param::setFiller(const std::function<bool(Variant&, const ExtraInfo*)>&& fn) {
-  LockGuard lock(libraryLock());
+  LibraryLockGuard lock(libraryMutex());
   filler = fn;
 }
 
 void Param::addPostSet(const std::function<void(const Variant&, const ExtraInfo*)>&& hook) {
-  LockGuard lock(libraryLock());
+  LibraryLockGuard lock(libraryMutex());
   postSets.push_back(hook);
 }
 
 bool Param::fill(Variant& v, const ExtraInfo* info) {
-  LockGuard lock(libraryLock());
+  LibraryLockGuard lock(libraryMutex());
   return filler ? filler(v, info) : true;
 }
 
 bool Param::validate(const Variant& v, const ExtraInfo* info) {
-  LockGuard lock(libraryLock());
+  LibraryLockGuard lock(libraryMutex());
   return validator ? validator(v, info) : true;
 }
 
@@ -158,7 +162,7 @@ void Param::onChange(const std::string& reason, const ExtraInfo* info) { notifyA
 void Param::notifyAll(const std::string& reason, const ExtraInfo* info) {
   // This parameter owns `info` from here on, whatever a hook does.
   std::unique_ptr<const ExtraInfo> owned(info);
-  LockGuard lock(libraryLock());
+  LibraryLockGuard lock(libraryMutex());
   const bool active = group->isActive();
   // Row creation and deletion alone do not schedule a save: a deletion is
   // preceded by a deactivation, which does.
@@ -171,7 +175,7 @@ void Param::notifyAll(const std::string& reason, const ExtraInfo* info) {
 
 bool Param::setTableCellValue(const RowIdx& idx, const unsigned int& column, const Variant& v) {
   if (type != TABLE) return false;
-  LockGuard lock(libraryLock());
+  LibraryLockGuard lock(libraryMutex());
   Table* table = value.getMutableTable();
   SNMP::DynMibTable* snmpTable = snmpEntryAs<SNMP::DynMibTable>();
   // The table's answer is deliberately not looked at: the SNMP side is
@@ -207,7 +211,7 @@ bool Param::getTableCellValue(const RowIdx& idx, const unsigned int& column, Var
     ZELTA_TRACE();
     return false;
   }
-  LockGuard lock(libraryLock());
+  LibraryLockGuard lock(libraryMutex());
   TableRow row;
   if (!value.getMutableTable()->getRow(idx, row)) {
     ZELTA_TRACE();

@@ -6,9 +6,11 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <map>
 #include <thread>
 #include <vector>
 
@@ -23,11 +25,27 @@ namespace {
 
 const char kNoName[] = "__NO_NAME__";
 
-// Saves of one group file never overlap (an auto-save and saveAllGroups may
-// meet); one mutex for all groups is enough, saves are rare.
-std::mutex& saveMutex() {
-  static auto* mutex = new std::mutex();
-  return *mutex;
+// Every text taken for a save gets the next number, in the order the texts
+// are taken.
+uint64_t lastSnapshot GUARDED_BY(libraryMutex()) = 0;
+
+uint64_t nextSnapshot_nolock() REQUIRES(libraryMutex()) { return ++lastSnapshot; }
+
+// Writes of group files never overlap (an auto-save, saveAllGroups and a hook
+// that saves may meet); one mutex for all groups is enough, saves are rare.
+// It is taken after the text, never while waiting for the library lock: a
+// hook that saves holds the library lock already.
+struct FileWrites {
+  Mutex mutex;
+  // Per file path, the number of the text it holds, so that a save that took
+  // its text earlier but reached the file later does not overwrite a newer
+  // text.
+  std::map<std::string, uint64_t> written GUARDED_BY(mutex);
+};
+
+FileWrites& fileWrites() {
+  static auto* writes = new FileWrites();  // never destroyed: workers may save during exit
+  return *writes;
 }
 
 bool writeAll(FILE* file, const std::string& text) {
@@ -78,24 +96,33 @@ void ParamGroup::addOwnedParam(Param* param) {
 
 bool ParamGroup::save() {
   ZELTA_ASSERT(name != kNoName, "name != \"__NO_NAME__\"");
-  std::lock_guard<std::mutex> saving(saveMutex());
   Log["libzelta"].append(DEBUG, "ParamGroup: saving [%s] params on file '%s'\n", name.c_str(), filePath.c_str());
   // The text is taken under the library lock; the slow part, writing and
   // syncing, runs without it so SNMP requests are not held up.
   std::string text;
   int count = 0;
+  uint64_t snapshot = 0;
   {
-    std::lock_guard<std::recursive_mutex> lock(libraryLock());
+    LibraryLockGuard lock(libraryMutex());
     for (Param* param : params) {
       text += param->toFileText();
       ++count;  // NEVER_SAVE parameters are counted too
     }
+    snapshot = nextSnapshot_nolock();
+  }
+  FileWrites& writes = fileWrites();
+  MutexLock writing(writes.mutex);
+  uint64_t& written = writes.written[filePath];
+  if (snapshot < written) {
+    Log["libzelta"].append(DEBUG, "ParamGroup: - [%s] already holds a newer text\n", name.c_str());
+    return true;
   }
   if (!writeFile(text)) {
     Log["libzelta"].append(ERROR, "ParamGroup: - cannot save group [%s] on file '%s'\n", name.c_str(),
                            filePath.c_str());
     return false;
   }
+  written = snapshot;
   Log["libzelta"].append(DEBUG, "ParamGroup: - saved %d params\n", count);
   return true;
 }
@@ -140,6 +167,9 @@ bool ParamGroup::writeFile(const std::string& text) {
 }
 
 void ParamGroup::onChange(Param* param, const std::string& reason, const ExtraInfo* /*info*/) {
+  // Under the library lock: the value is read, and the hand-over at the end of
+  // workerCode must see either the new ticks or a cleared workerRunning.
+  LibraryLockGuard lock(libraryMutex());
   Log["libzelta"].append(DEBUG, "ParamGroup: change on param '%s': %s [%s]\n", param->getName().c_str(),
                          param->getValue().toString().c_str(), reason.c_str());
   ticks = 2;
@@ -150,15 +180,21 @@ void ParamGroup::onChange(Param* param, const std::string& reason, const ExtraIn
 }
 
 void ParamGroup::workerCode() {
-  do {
-    Log["libzelta"].append(VERBOSE, "ParamGroup: name: %s, ticks: %d\n", name.c_str(), ticks.load());
-    sleep(1);
-    --ticks;
-  } while (ticks > 0);
-  Log["libzelta"].append(DEBUG, "ParamGroup: name: %s, ticks elapsed, saving...\n", name.c_str());
-  save();
-  ticks = 0;
-  workerRunning = false;
+  for (;;) {
+    do {
+      Log["libzelta"].append(VERBOSE, "ParamGroup: name: %s, ticks: %d\n", name.c_str(), ticks.load());
+      sleep(1);
+    } while (--ticks > 0);
+    Log["libzelta"].append(DEBUG, "ParamGroup: name: %s, ticks elapsed, saving...\n", name.c_str());
+    save();
+    LibraryLockGuard lock(libraryMutex());
+    // A change announced while the text was written found this worker still
+    // running and started none: count down again for it.
+    if (ticks > 0) continue;
+    // Last touch of the group: once this reads false the group may go.
+    workerRunning = false;
+    return;
+  }
 }
 
 }  // namespace Quorvel::Kvan

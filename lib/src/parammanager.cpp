@@ -108,8 +108,11 @@ void ParamManager::loadFromFile(std::string path) {
     return;
   }
   std::string line;
+  // One line at a time under the library lock, so that the agent thread and
+  // the host's threads see each line's values whole and are not held up for
+  // the whole file.
   while (std::getline(in, line)) {
-    std::lock_guard<std::recursive_mutex> lock(libraryLock());
+    LibraryLockGuard lock(libraryMutex());
     regmatch_t match[3];
     if (regexec(&cfgRe, line.c_str(), 3, match, 0) != 0) continue;
     if (cfgRe.re_nsub < 2) {
@@ -120,7 +123,9 @@ void ParamManager::loadFromFile(std::string path) {
   }
 }
 
+// REQUIRES: library lock held (values and tables are written in place).
 void ParamManager::loadLine(const std::string& line, const regmatch_t* match) {
+  libraryMutex().assertHeld();
   std::string key = matchToString(line, match[1]);
   std::string value = matchToString(line, match[2]);
   std::string stem;
@@ -219,7 +224,9 @@ bool ParamManager::setScalar(std::string& value, Param* param) {
   return true;
 }
 
+// REQUIRES: library lock held (the Table is written through getValue()).
 bool ParamManager::setTableRow(const std::vector<unsigned long>& index, std::string& value, Param* param) {
+  libraryMutex().assertHeld();
   Table* table = param->getValue().getMutableTable();
   TableDef* def = table->getDef();
   // A table without definition has no typed columns, and an index of the

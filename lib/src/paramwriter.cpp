@@ -29,23 +29,33 @@ void Param::save(FILE* file) {
 }
 
 void Param::saveScalar(FILE* file) {
-  std::string text = scalarText();
+  std::string text;
+  {
+    LibraryLockGuard lock(libraryMutex());
+    text = scalarText();
+  }
   if (!text.empty()) fputs(text.c_str(), file);
 }
 
 void Param::saveTable(FILE* file) {
-  std::string text = tableText();
+  std::string text;
+  {
+    LibraryLockGuard lock(libraryMutex());
+    text = tableText();
+  }
   if (!text.empty()) fputs(text.c_str(), file);
 }
 
 std::string Param::toFileText() {
-  std::lock_guard<std::recursive_mutex> lock(libraryLock());
+  LibraryLockGuard lock(libraryMutex());
   if (savePolicy == NEVER_SAVE) return "";
   if (type == TABLE) return tableText();
   return scalarText();
 }
 
+// REQUIRES: library lock held (the value and the name are read).
 std::string Param::scalarText() {
+  libraryMutex().assertHeld();
   std::ostringstream line;
   switch (type) {
     case INTEGER:
@@ -72,7 +82,9 @@ std::string Param::scalarText() {
   return line.str();
 }
 
+// REQUIRES: library lock held (the rows and the agent's row states are read).
 std::string Param::tableText() {
+  libraryMutex().assertHeld();
   Table* table = value.getMutableTable();
   TableDef* def = table->getDef();
   SNMP::DynMibTable* snmpTable = snmpEntryAs<SNMP::DynMibTable>();

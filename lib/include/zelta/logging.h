@@ -3,15 +3,18 @@
 // library load at level WARNING.
 //
 // Thread safety: any thread may call LogChannel::append; each channel's mutex
-// keeps its lines whole. A message above the channel's level is dropped before
-// any lock, clock reading or formatting. add(), remove() and
-// setLevelFromString() change the registry itself and are meant for start-up,
-// while no other thread logs.
+// keeps its lines whole. A message above the channel's level is dropped after
+// one atomic read of the level, before any lock, clock reading or formatting
+// (the caller's arguments are still evaluated). A channel's level may be
+// changed from any thread at any time, also while others log. add() and
+// remove() change the registry itself and are meant for start-up, while no
+// other thread logs.
 #ifndef ZELTA_LOGGING_H_
 #define ZELTA_LOGGING_H_
 
 #include <pthread.h>
 
+#include <atomic>
 #include <map>
 #include <string>
 
@@ -36,7 +39,9 @@ class ZELTA_EXPORT LogChannel {
   std::string append(EventType level, const char* format, ...) __attribute__((format(printf, 3, 4)));
 
   std::string name;
-  EventType level;
+  // Read without a lock by every append(); atomic so that the host may change
+  // it while other threads log.
+  std::atomic<EventType> level;
   pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
 };
 

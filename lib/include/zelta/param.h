@@ -5,13 +5,18 @@
 // text file), may be published over SNMP through an SNMPInfo, and carries the
 // host's hooks: a validator, a filler and post-set hooks.
 //
-// Thread safety: setValue() and getValueCopy() may be called from any thread,
-// also while the SNMP agent serves requests and groups save; they take the
-// library's value lock. Validators, fillers and post-set hooks run on the
-// thread that made the change (the agent thread for SNMP writes) with that
-// lock held, so they may call setValue() on any parameter. getValue() returns
-// a reference for the host's start-up code and for hooks; from other threads
-// use getValueCopy().
+// Thread safety: one recursive lock, the library lock, serialises every
+// parameter value with the SNMP agent's request processing and with the text a
+// group save takes. setValue(), setTableCellValue(), getValueCopy() and
+// getTableCellValue() may be called from any thread at any time, also while
+// the agent serves requests and groups save. Validators, fillers and post-set
+// hooks run with the lock held, on the thread that made the change (the agent
+// thread for SNMP requests), so they may call setValue() on any parameter, and
+// save a group, without deadlock; SNMP waits while they run. getValue()
+// returns a reference, unlocked: for start-up code (before the agent starts)
+// and for hooks, validators and fillers; other threads use getValueCopy().
+// Construction, setValidator(), setFiller() and addPostSet() belong to
+// start-up; a hook must not add hooks.
 #ifndef ZELTA_PARAM_H_
 #define ZELTA_PARAM_H_
 
@@ -139,6 +144,14 @@ class ZELTA_EXPORT Param : public IChangeListener {
 // seconds after the last announced change by a short-lived worker thread.
 // Groups live for the life of the process: destroying one while its worker
 // counts down is not supported.
+//
+// Thread safety: save() and onChange() may be called from any thread, also
+// from a hook. A save takes its text under the library lock and writes the
+// file without it; saves of one file never overlap, and a text taken earlier
+// never overwrites one taken later. A change announced while the worker
+// writes makes it count down and save again. setParams(), operator=,
+// addOwnedParam() and setAtomicSave() belong to start-up, before the first
+// change.
 class ZELTA_EXPORT ParamGroup {
  public:
   // Placeholder "__NO_NAME__" with no file; it exists to be assigned over.

@@ -4,7 +4,9 @@
 // Thread safety: add(), loadAllGroups() and loadGroup() are for start-up, on
 // one thread, before the SNMP agent starts. operator[] and getParams() only
 // read the registry and may be called from any thread afterwards.
-// saveAllGroups() may be called from any thread.
+// saveAllGroups() may be called from any thread, hooks included.
+// loadFromFile() writes each line's values under the library lock, so it may
+// run while the agent serves requests.
 #ifndef ZELTA_PARAMMANAGER_H_
 #define ZELTA_PARAMMANAGER_H_
 

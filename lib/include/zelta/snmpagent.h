@@ -2,10 +2,15 @@
 // serves the SNMP object of every published parameter of a ParamManager, with
 // the standard snmp, target, notification and system groups.
 //
-// Thread safety: start(), stop() and waitForFinish() may be called from any
-// host thread. Every MIB callback, and so every validator, filler and post-set
-// hook reached over SNMP, runs on the agent thread. One agent runs per process
-// at a time; a second start() while one runs fails with a WARNING.
+// Thread safety: stop() may be called from any host thread at any time.
+// start(), waitForFinish() and the destructor may be called from any host
+// thread, but one at a time (the owner's calls). Every MIB callback, and so
+// every validator, filler and post-set hook reached over SNMP, runs on the
+// agent thread with the library lock held (see param.h). getEntries() is
+// filled by the agent thread: read it once isRunning() is true or after
+// waitForFinish(). addEntry() belongs to the time before start(). One agent
+// runs per process at a time; a second start() while one runs fails with a
+// WARNING.
 #ifndef ZELTA_SNMPAGENT_H_
 #define ZELTA_SNMPAGENT_H_
 
