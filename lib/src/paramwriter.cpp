@@ -3,7 +3,9 @@
 //   volume.0 = 0:2:7
 //   label.0 = 0:4:"Front door \x22A\x22"
 //   contacts.1 = 2:4:"Hall" 3:2:15 <- table lines end with a blank
+#include <charconv>
 #include <cstdint>
+#include <locale>
 #include <sstream>
 
 #include "liblock.h"
@@ -17,9 +19,40 @@ namespace {
 
 std::string quoted(const std::string& bytes) { return "\"" + Common::serialize(bytes) + "\""; }
 
+void appendQuoted(std::string& out, const std::string& bytes) {
+  out += '"';
+  out += Common::serialize(bytes);
+  out += '"';
+}
+
 // TimeTicks are written through the signed 32-bit output of the target: a
 // count of 2^31 or more comes out negative, and the reader wraps it back.
 long ticksAsLong(const Variant& v) { return static_cast<long>(static_cast<int32_t>(v.getTimeTicks().value)); }
+
+// Appends numbers as a default-formatted output stream writes them. A string
+// stream per table row was most of the cost of saving a table, so in the
+// classic locale (unless the host changed the global one) the digits are
+// made directly; any other locale still goes through a stream.
+class NumberText {
+ public:
+  NumberText() : classic(std::locale() == std::locale::classic()) {}
+
+  template <class T>
+  void append(std::string& out, T number) const {
+    if (classic) {
+      char digits[24];
+      const char* end = std::to_chars(digits, digits + sizeof digits, number).ptr;
+      out.append(digits, static_cast<size_t>(end - digits));
+    } else {
+      std::ostringstream text;
+      text << number;
+      out += text.str();
+    }
+  }
+
+ private:
+  bool classic;
+};
 
 }  // namespace
 
@@ -92,13 +125,18 @@ std::string Param::tableText() {
   table->forEachRow([&](const RowIdx& index, TableRow& row) {
     // Rows an SNMP manager has not activated yet are not kept.
     if (snmpTable != nullptr && !snmpTable->isRowActive(index)) return;
-    text += name + Common::flatten(index) + " = " + flattenTableRow(def, row) + "\n";
+    text += name;
+    text += Common::flatten(index);
+    text += " = ";
+    text += flattenTableRow(def, row);
+    text += '\n';
   });
   return text;
 }
 
 std::string Param::flattenTableRow(TableDef* def, TableRow& row) {
-  std::ostringstream out;
+  const NumberText numbers;
+  std::string out;
   for (auto& [column, cell] : row) {
     // The plus one is deliberate: existing files were written this way, and a
     // value column right before the RowStatus column is never stored.
@@ -108,29 +146,40 @@ std::string Param::flattenTableRow(TableDef* def, TableRow& row) {
     }
     auto field = def->fields.find(column);
     const ValueType columnType = field == def->fields.end() ? ValueType(0) : field->second.type;
-    out << column << ":";
+    numbers.append(out, column);
+    out += ':';
     switch (columnType) {
       case INTEGER:
-        out << static_cast<int>(INTEGER) << ":" << cell.getLong();
+        numbers.append(out, static_cast<int>(INTEGER));
+        out += ':';
+        numbers.append(out, cell.getLong());
         break;
       case TIMETICKS:
-        out << static_cast<int>(TIMETICKS) << ":" << ticksAsLong(cell);
+        numbers.append(out, static_cast<int>(TIMETICKS));
+        out += ':';
+        numbers.append(out, ticksAsLong(cell));
         break;
       case IPADDRESS:
-        out << static_cast<int>(IPADDRESS) << ":" << cell.getString();
+        numbers.append(out, static_cast<int>(IPADDRESS));
+        out += ':';
+        out += cell.getString();
         break;
       case STRING:
-        out << static_cast<int>(STRING) << ":" << quoted(cell.getString());
+        numbers.append(out, static_cast<int>(STRING));
+        out += ':';
+        appendQuoted(out, cell.getString());
         break;
       case LOGADDRMAIN:
-        out << static_cast<int>(STRING) << ":" << quoted(Common::logaddrMainToString(cell.getLogaddrMain()));
+        numbers.append(out, static_cast<int>(STRING));
+        out += ':';
+        appendQuoted(out, Common::logaddrMainToString(cell.getLogaddrMain()));
         break;
       default:
         ZELTA_ASSERT(false, "false");
     }
-    out << " ";
+    out += ' ';
   }
-  return out.str();
+  return out;
 }
 
 }  // namespace Quorvel::Kvan
