@@ -70,6 +70,11 @@ struct ToolResult {
 // waits for that child by its PID.
 inline ToolResult runTool(const std::vector<std::string>& args) {
   const std::string& stateDir = toolStateDir();
+  // Requests and answers travel through the kernel, which ThreadSanitizer
+  // does not see; the agent handles requests under the agent lock. Taking it
+  // once before and once after the tool orders what the test did before
+  // before the handling, and the handling before what the test reads after.
+  { std::lock_guard<std::recursive_mutex> before(agentLock()); }
   std::vector<std::string> full{"timeout", "10"};
   full.insert(full.end(), args.begin(), args.end());
   int fds[2];
@@ -97,6 +102,7 @@ inline ToolResult runTool(const std::vector<std::string>& args) {
   close(fds[0]);
   int status = 0;
   if (pid > 0 && waitpid(pid, &status, 0) == pid && WIFEXITED(status)) result.exitCode = WEXITSTATUS(status);
+  { std::lock_guard<std::recursive_mutex> handled(agentLock()); }  // see above
   return result;
 }
 
