@@ -17,8 +17,6 @@ namespace Quorvel::Kvan {
 
 namespace {
 
-std::string quoted(const std::string& bytes) { return "\"" + Common::serialize(bytes) + "\""; }
-
 void appendQuoted(std::string& out, const std::string& bytes) {
   out += '"';
   out += Common::serialize(bytes);
@@ -30,9 +28,9 @@ void appendQuoted(std::string& out, const std::string& bytes) {
 long ticksAsLong(const Variant& v) { return static_cast<long>(static_cast<int32_t>(v.getTimeTicks().value)); }
 
 // Appends numbers as a default-formatted output stream writes them. A string
-// stream per table row was most of the cost of saving a table, so in the
-// classic locale (unless the host changed the global one) the digits are
-// made directly; any other locale still goes through a stream.
+// stream per line was most of the cost of a save, so in the classic locale
+// (unless the host changed the global one) the digits are made directly; any
+// other locale still goes through a stream.
 class NumberText {
  public:
   NumberText() : classic(std::locale() == std::locale::classic()) {}
@@ -89,30 +87,41 @@ std::string Param::toFileText() {
 // REQUIRES: library lock held (the value and the name are read).
 std::string Param::scalarText() {
   libraryMutex().assertHeld();
-  std::ostringstream line;
+  const NumberText numbers;
+  std::string line = name;
+  line += ".0 = 0:";
   switch (type) {
     case INTEGER:
-      line << name << ".0 = 0:" << static_cast<int>(type) << ":" << value.getLong();
+      numbers.append(line, static_cast<int>(type));
+      line += ':';
+      numbers.append(line, value.getLong());
       break;
     case TIMETICKS:
-      line << name << ".0 = 0:" << static_cast<int>(type) << ":" << ticksAsLong(value);
+      numbers.append(line, static_cast<int>(type));
+      line += ':';
+      numbers.append(line, ticksAsLong(value));
       break;
     case STRING:
-      line << name << ".0 = 0:" << static_cast<int>(type) << ":" << quoted(value.getString());
+      numbers.append(line, static_cast<int>(type));
+      line += ':';
+      appendQuoted(line, value.getString());
       break;
     case IPADDRESS:
-      line << name << ".0 = 0:" << static_cast<int>(type) << ":" << value.getString();
+      numbers.append(line, static_cast<int>(type));
+      line += ':';
+      line += value.getString();
       break;
     case LOGADDRMAIN:
-      line << name << ".0 = 0:" << static_cast<int>(STRING) << ":"
-           << quoted(Common::logaddrMainToString(value.getLogaddrMain()));
+      numbers.append(line, static_cast<int>(STRING));
+      line += ':';
+      appendQuoted(line, Common::logaddrMainToString(value.getLogaddrMain()));
       break;
     default:
       Log["libzelta"].append(WARNING, "Param: saveScalar(): skip unknown type '%d'\n", static_cast<int>(type));
       return "";
   }
-  line << "\n";
-  return line.str();
+  line += '\n';
+  return line;
 }
 
 // REQUIRES: library lock held (the rows and the agent's row states are read).
@@ -126,7 +135,12 @@ std::string Param::tableText() {
     // Rows an SNMP manager has not activated yet are not kept.
     if (snmpTable != nullptr && !snmpTable->isRowActive(index)) return;
     text += name;
-    text += Common::flatten(index);
+    // The index as Common::flatten writes it, without a string of its own.
+    for (unsigned long component : index) {
+      char digits[24];
+      text += '.';
+      text.append(digits, static_cast<size_t>(std::to_chars(digits, digits + sizeof digits, component).ptr - digits));
+    }
     text += " = ";
     text += flattenTableRow(def, row);
     text += '\n';
@@ -137,6 +151,7 @@ std::string Param::tableText() {
 std::string Param::flattenTableRow(TableDef* def, TableRow& row) {
   const NumberText numbers;
   std::string out;
+  out.reserve(16 * row.size());  // about one allocation for a row
   for (auto& [column, cell] : row) {
     // The plus one is deliberate: existing files were written this way, and a
     // value column right before the RowStatus column is never stored.
