@@ -3,10 +3,12 @@
 // processes) doing the same over the agent, and group saves, all at once for
 // a few seconds. Every value anyone reads must be one that somebody wrote, and
 // the group files must read back. Also the hand-overs between a save and the
-// threads around it: a hook that saves, and a change during a save.
+// threads around it (a hook that saves, a change during a save) and log
+// levels changing while others log.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
+#include <pthread.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -17,7 +19,6 @@
 #include <map>
 #include <memory>
 #include <mutex>
-#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -492,4 +493,31 @@ TEST(SaveHandOver, ChangeDuringTheWriteIsSavedAgain) {
   EXPECT_EQ(writes.back(), "level.0 = 0:2:3\n") << writes.size() << " writes; the change during the write was lost";
   // A worker left blocked on the FIFO would outlive the group.
   EXPECT_TRUE(waitFor([&] { return !group.isWorkerRunning(); }, milliseconds(5000)));
+}
+
+// A call filtered out by the level takes no lock, so it cannot wait for a line
+// being written; the level may change meanwhile from any thread.
+TEST(LoggingThreads, FilteredCallsTakeNoLockWhileLevelsChange) {
+  LogChannel& channel = Log["libzelta"];
+  const EventType old = channel.level;
+  channel.level = WARNING;
+  pthread_mutex_lock(&channel.mutex);  // as if another thread were writing a line
+  std::atomic<bool> stop{false};
+  std::atomic<int> filtered{0};
+  std::thread logger([&] {
+    while (!stop) {
+      channel.append(VERBOSE, "never printed\n");
+      ++filtered;
+    }
+  });
+  std::thread changer([&] {
+    for (int i = 0; !stop; ++i) channel.level = i % 2 == 0 ? ERROR : WARNING;
+  });
+  const bool progressed = waitFor([&] { return filtered > 1000; }, milliseconds(10000));
+  stop = true;
+  changer.join();
+  pthread_mutex_unlock(&channel.mutex);
+  logger.join();
+  channel.level = old;
+  EXPECT_TRUE(progressed) << filtered << " filtered calls got through";
 }
