@@ -629,6 +629,22 @@ bool DynMibTable::setCellValue(const std::vector<unsigned long>& indexes, const 
   return true;
 }
 
+std::vector<bool> DynMibTable::activeRowFlags(const Table& content) {
+  std::lock_guard lock(agentLock());
+  std::vector<bool> flags;
+  flags.reserve(content.getRows().size());
+  auto mine = rows.begin();
+  for (const auto& entry : content.getRows()) {
+    const RowIdx& index = entry.first;
+    while (mine != rows.end() && mine->first < index) ++mine;
+    const bool active = mine != rows.end() && mine->first == index && mine->second.rowStatus == kActive;
+    if (!active)
+      Log["libzelta"].append(DEBUG, "DynMibTable: row {%s} is not ACTIVE!\n", Common::flatten(index).c_str());
+    flags.push_back(active);
+  }
+  return flags;
+}
+
 int DynMibTable::getRowStatus(const std::vector<unsigned long>& indexes) {
   std::lock_guard lock(agentLock());
   auto it = rows.find(indexes);

@@ -131,9 +131,11 @@ std::string Param::tableText() {
   TableDef* def = table->getDef();
   SNMP::DynMibTable* snmpTable = snmpEntryAs<SNMP::DynMibTable>();
   std::string text;
+  // Rows an SNMP manager has not activated yet are not kept.
+  const std::vector<bool> active = snmpTable != nullptr ? snmpTable->activeRowFlags(*table) : std::vector<bool>();
+  size_t position = 0;
   table->forEachRow([&](const RowIdx& index, TableRow& row) {
-    // Rows an SNMP manager has not activated yet are not kept.
-    if (snmpTable != nullptr && !snmpTable->isRowActive(index)) return;
+    if (snmpTable != nullptr && !active[position++]) return;
     text += name;
     // The index as Common::flatten writes it, without a string of its own.
     for (unsigned long component : index) {

@@ -314,6 +314,9 @@ class ZELTA_EXPORT DynMibTable : public MibEntry, public IAccessModeChangeable {
   bool addRow(std::vector<unsigned long> indexes, std::map<unsigned int, Variant> row);
   // True when the row exists and its RowStatus is active.
   bool isRowActive(const std::vector<unsigned long>& indexes);
+  // isRowActive for every row of `table`, in index order, in one merged pass
+  // over both sorted row sets: what the file writer needs for a large table.
+  std::vector<bool> activeRowFlags(const Table& table);
   // Removes the row from the agent and from the Table, announcing
   // "new row deactivated" (if it was active) and "removed row".
   void removeRow(const std::vector<unsigned long>& indexes);
