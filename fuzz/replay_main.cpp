@@ -1,5 +1,10 @@
 // Runs a fuzz target over every file of the given directories (or files), the
 // way libFuzzer replays a corpus, for builds without libFuzzer.
+
+// On 32-bit targets the plain stat() and readdir() fail with EOVERFLOW on file
+// systems with 64-bit inode numbers or directory offsets.
+#define _FILE_OFFSET_BITS 64
+
 #include <dirent.h>
 #include <sys/stat.h>
 
