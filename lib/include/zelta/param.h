@@ -149,9 +149,9 @@ class ZELTA_EXPORT Param : public IChangeListener {
 // from a hook. A save takes its text under the library lock and writes the
 // file without it; saves of one file never overlap, and a text taken earlier
 // never overwrites one taken later. A change announced while the worker
-// writes makes it count down and save again. setParams(), operator=,
-// addOwnedParam() and setAtomicSave() belong to start-up, before the first
-// change.
+// writes the file starts no countdown of its own: it reaches the file with
+// the next save. setParams(), operator=, addOwnedParam() and setAtomicSave()
+// belong to start-up, before the first change.
 class ZELTA_EXPORT ParamGroup {
  public:
   // Placeholder "__NO_NAME__" with no file; it exists to be assigned over.
