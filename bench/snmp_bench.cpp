@@ -26,6 +26,7 @@
 #include <vector>
 
 #include "../lib/src/agentengine.h"
+#include "../tests/loopback.h"
 #include "zelta/mibtypes.h"
 #include "zelta/tabledef.h"
 
@@ -45,19 +46,7 @@ const char* const kSnmpdTables[] = {".1.3.6.1.2.1.25.6.3", ".1.3.6.1.2.1.25.4.2"
                                     ".1.3.6.1.2.1.4.20",   ".1.3.6.1.2.1.4.24.4", ".1.3.6.1.2.1.6.13",
                                     ".1.3.6.1.2.1.7.5",    ".1.3.6.1.2.1.25.3.2"};
 
-int freeUdpPort() {
-  int fd = socket(AF_INET, SOCK_DGRAM, 0);
-  sockaddr_in addr{};
-  addr.sin_family = AF_INET;
-  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t len = sizeof addr;
-  int port = -1;
-  if (fd >= 0 && bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0 &&
-      getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &len) == 0)
-    port = ntohs(addr.sin_port);
-  if (fd >= 0) close(fd);
-  return port;
-}
+using zelta_test::freeUdpPort;
 
 long residentBytes() {
   FILE* f = fopen("/proc/self/statm", "r");

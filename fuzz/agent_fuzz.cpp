@@ -17,6 +17,7 @@
 #include <string>
 #include <thread>
 
+#include "../tests/loopback.h"
 #include "zelta/logging.h"
 #include "zelta/parammanager.h"
 #include "zelta/snmpagent.h"
@@ -33,19 +34,7 @@ const uint8_t kProbe[] = {0x30, 0x26, 0x02, 0x01, 0x01, 0x04, 0x06, 'p',  'u',  
                           0x19, 0x02, 0x01, 0x2a, 0x02, 0x01, 0x00, 0x02, 0x01, 0x00, 0x30, 0x0e, 0x30, 0x0c,
                           0x06, 0x08, 0x2b, 0x06, 0x01, 0x02, 0x01, 0x01, 0x03, 0x00, 0x05, 0x00};
 
-int freeUdpPort() {
-  int fd = socket(AF_INET, SOCK_DGRAM, 0);
-  sockaddr_in addr{};
-  addr.sin_family = AF_INET;
-  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t len = sizeof addr;
-  int port = -1;
-  if (fd >= 0 && bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0 &&
-      getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &len) == 0)
-    port = ntohs(addr.sin_port);
-  if (fd >= 0) close(fd);
-  return port;
-}
+using zelta_test::freeUdpPort;
 
 int connectedSocket(int port) {
   int fd = socket(AF_INET, SOCK_DGRAM, 0);

@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "../lib/src/agentengine.h"
+#include "loopback.h"
 #include "test_util.h"
 #include "zelta/mibtypes.h"
 #include "zelta/tabledef.h"
@@ -28,26 +29,6 @@ namespace zelta_test {
 using namespace Quorvel::Kvan;
 using namespace Quorvel::Kvan::SNMP;
 using Strings = std::vector<std::string>;
-
-// 127.0.0.1:port.
-inline sockaddr_in loopback(int port) {
-  sockaddr_in addr{};
-  addr.sin_family = AF_INET;
-  addr.sin_port = htons(static_cast<uint16_t>(port));
-  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  return addr;
-}
-
-// A loopback UDP port nobody uses right now: bind to port 0 and read it back.
-inline int freeUdpPort() {
-  int fd = socket(AF_INET, SOCK_DGRAM, 0), port = -1;
-  sockaddr_in addr = loopback(0);
-  socklen_t len = sizeof addr;
-  auto* raw = reinterpret_cast<sockaddr*>(&addr);
-  if (bind(fd, raw, len) == 0 && getsockname(fd, raw, &len) == 0) port = ntohs(addr.sin_port);
-  close(fd);
-  return port;
-}
 
 struct ToolResult {
   int exitCode = -1;

@@ -52,6 +52,35 @@ class NumberText {
   bool classic;
 };
 
+// Appends "type:value" for a single value or a cell of `type`. Logical
+// addresses are written as type-4 strings of their 8 bytes. False, with
+// nothing appended, for a type that has no file form.
+bool appendTypedValue(std::string& out, ValueType type, const Variant& v, const NumberText& numbers) {
+  const size_t start = out.size();
+  numbers.append(out, static_cast<int>(type == LOGADDRMAIN ? STRING : type));
+  out += ':';
+  switch (type) {
+    case INTEGER:
+      numbers.append(out, v.getLong());
+      return true;
+    case TIMETICKS:
+      numbers.append(out, ticksAsLong(v));
+      return true;
+    case IPADDRESS:
+      out += v.getString();
+      return true;
+    case STRING:
+      appendQuoted(out, v.getString());
+      return true;
+    case LOGADDRMAIN:
+      appendQuoted(out, Common::logaddrMainToString(v.getLogaddrMain()));
+      return true;
+    default:
+      out.resize(start);
+      return false;
+  }
+}
+
 }  // namespace
 
 void Param::save(FILE* file) {
@@ -90,35 +119,9 @@ std::string Param::scalarText() {
   const NumberText numbers;
   std::string line = name;
   line += ".0 = 0:";
-  switch (type) {
-    case INTEGER:
-      numbers.append(line, static_cast<int>(type));
-      line += ':';
-      numbers.append(line, value.getLong());
-      break;
-    case TIMETICKS:
-      numbers.append(line, static_cast<int>(type));
-      line += ':';
-      numbers.append(line, ticksAsLong(value));
-      break;
-    case STRING:
-      numbers.append(line, static_cast<int>(type));
-      line += ':';
-      appendQuoted(line, value.getString());
-      break;
-    case IPADDRESS:
-      numbers.append(line, static_cast<int>(type));
-      line += ':';
-      line += value.getString();
-      break;
-    case LOGADDRMAIN:
-      numbers.append(line, static_cast<int>(STRING));
-      line += ':';
-      appendQuoted(line, Common::logaddrMainToString(value.getLogaddrMain()));
-      break;
-    default:
-      Log["libzelta"].append(WARNING, "Param: saveScalar(): skip unknown type '%d'\n", static_cast<int>(type));
-      return "";
+  if (!appendTypedValue(line, type, value, numbers)) {
+    Log["libzelta"].append(WARNING, "Param: saveScalar(): skip unknown type '%d'\n", static_cast<int>(type));
+    return "";
   }
   line += '\n';
   return line;
@@ -165,35 +168,8 @@ std::string Param::flattenTableRow(TableDef* def, TableRow& row) {
     const ValueType columnType = field == def->fields.end() ? ValueType(0) : field->second.type;
     numbers.append(out, column);
     out += ':';
-    switch (columnType) {
-      case INTEGER:
-        numbers.append(out, static_cast<int>(INTEGER));
-        out += ':';
-        numbers.append(out, cell.getLong());
-        break;
-      case TIMETICKS:
-        numbers.append(out, static_cast<int>(TIMETICKS));
-        out += ':';
-        numbers.append(out, ticksAsLong(cell));
-        break;
-      case IPADDRESS:
-        numbers.append(out, static_cast<int>(IPADDRESS));
-        out += ':';
-        out += cell.getString();
-        break;
-      case STRING:
-        numbers.append(out, static_cast<int>(STRING));
-        out += ':';
-        appendQuoted(out, cell.getString());
-        break;
-      case LOGADDRMAIN:
-        numbers.append(out, static_cast<int>(STRING));
-        out += ':';
-        appendQuoted(out, Common::logaddrMainToString(cell.getLogaddrMain()));
-        break;
-      default:
-        ZELTA_ASSERT(false, "false");
-    }
+    // A column type without a file form is a programming error of the host.
+    if (!appendTypedValue(out, columnType, cell, numbers)) ZELTA_ASSERT(false, "false");
     out += ' ';
   }
   return out;
