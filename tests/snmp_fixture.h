@@ -22,6 +22,8 @@
 #include "loopback.h"
 #include "test_util.h"
 #include "zelta/mibtypes.h"
+#include "zelta/parammanager.h"
+#include "zelta/snmpagent.h"
 #include "zelta/tabledef.h"
 
 namespace zelta_test {
@@ -88,9 +90,17 @@ inline std::string valueOf(const std::string& out, const std::string& name) {
 // An engine on 127.0.0.1 with the test's entries, served by a thread until TearDown.
 class AgentTest : public ::testing::Test {
  protected:
+  // A port found free may be taken again before the agent binds it (a tool's
+  // source port, a parallel test): a few tries with fresh ports.
   bool startAgent(const std::vector<MibEntry*>& entries, AgentConfig config = AgentConfig()) {
+    for (int attempt = 0; attempt < 5; ++attempt) {
+      if (startAgentOn(freeUdpPort(), entries, config)) return true;
+    }
+    return false;
+  }
+  bool startAgentOn(int freePort, const std::vector<MibEntry*>& entries, AgentConfig config) {
     config.listenAddress = "127.0.0.1";
-    config.port = port = freeUdpPort();
+    config.port = port = freePort;
     auto started = std::make_shared<std::promise<bool>>();
     std::future<bool> ready = started->get_future();
     stopFlag = false;
@@ -139,6 +149,23 @@ class AgentTest : public ::testing::Test {
   std::atomic<bool> stopFlag{false};
   int port = 0;
 };
+
+// An SNMPAgent serving `manager` on a free 127.0.0.1 port (a few tries, as
+// above); null when it never came up.
+inline std::unique_ptr<SNMPAgent> startServingAgent(ParamManager* manager, int& port,
+                                                    SNMPAgent::Options options = SNMPAgent::Options()) {
+  for (int attempt = 0; attempt < 5; ++attempt) {
+    options.port = port = freeUdpPort();
+    options.listenAddress = "127.0.0.1";
+    auto agent = std::make_unique<SNMPAgent>(manager, options);
+    agent->start();
+    waitFor([&] { return agent->isRunning() || agent->hasFinished(); }, std::chrono::milliseconds(10000));
+    if (agent->isRunning()) return agent;
+    agent->stop();
+    agent->waitForFinish();
+  }
+  return nullptr;
+}
 
 }  // namespace zelta_test
 

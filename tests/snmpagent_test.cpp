@@ -57,13 +57,8 @@ struct Device {
 class SNMPAgentTest : public testing::Test {
  protected:
   void startAgent() {
-    port = freeUdpPort();
-    SNMPAgent::Options options;
-    options.port = port;
-    options.listenAddress = "127.0.0.1";
-    agent = std::make_unique<SNMPAgent>(&device->manager, options);
-    agent->start();
-    ASSERT_TRUE(waitFor([&] { return agent->isRunning(); }, milliseconds(10000)));
+    agent = zelta_test::startServingAgent(&device->manager, port);
+    ASSERT_NE(agent, nullptr);
   }
   void TearDown() override {
     if (agent) {
@@ -166,6 +161,7 @@ TEST_F(SNMPAgentTest, BusyPortFailsAndTheNextStartWorks) {
       << log;
   EXPECT_NE(log.find("SNMPAgent: Cannot initialize SNMP Agent!\n"), std::string::npos);
   EXPECT_FALSE(blocked.isRunning());
+  EXPECT_TRUE(blocked.hasFinished());  // how a host learns that the port was not opened
   blocked.stop();  // harmless
 
   // A stop before start does not keep a later start from serving.

@@ -86,12 +86,9 @@ class OwnAgent {
     manager.add("contact", &contact);
     manager.add("location", &location);
     SNMPAgent::Options options;
-    options.port = port = freeUdpPort();
-    options.listenAddress = "127.0.0.1";
     options.rwCommunity = rw;
-    agent = std::make_unique<SNMPAgent>(&manager, options);
-    agent->start();
-    return waitFor([&] { return agent->isRunning(); }, std::chrono::milliseconds(10000));
+    agent = zelta_test::startServingAgent(&manager, port, options);
+    return agent != nullptr;
   }
   int port = 0;
 

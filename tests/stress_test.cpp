@@ -187,13 +187,8 @@ class StressTest : public testing::Test {
     device->manager.loadAllGroups();
     ASSERT_TRUE(device->settings.save());  // both files exist from the start
 
-    port = freeUdpPort();
-    SNMPAgent::Options options;
-    options.port = port;
-    options.listenAddress = "127.0.0.1";
-    agent = std::make_unique<SNMPAgent>(&device->manager, options);
-    agent->start();
-    ASSERT_TRUE(waitFor([&] { return agent->isRunning(); }, milliseconds(10000)));
+    agent = zelta_test::startServingAgent(&device->manager, port);
+    ASSERT_NE(agent, nullptr);
   }
 
   void TearDown() override {

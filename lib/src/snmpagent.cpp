@@ -31,6 +31,7 @@ void SNMPAgent::start() {
     return;
   }
   stopRequested = false;
+  finished = false;
   thread = std::make_unique<std::thread>(&SNMPAgent::handleRequests, this);
 }
 
@@ -49,6 +50,7 @@ void SNMPAgent::addEntry(const std::string& key, MibEntry* entry) { extraEntries
 void SNMPAgent::handleRequests() {
   if (!initializeAgent()) {
     Log["libzelta"].append(WARNING, "SNMPAgent: Cannot initialize SNMP Agent!\n");
+    finished = true;
     return;
   }
   running = !stopRequested;
@@ -57,6 +59,7 @@ void SNMPAgent::handleRequests() {
   running = false;
   // Written when the loop ends, not when it starts: log readers know it so.
   Log["libzelta"].append(INFO, "SNMPAgent: thread successfully started\n");
+  finished = true;
 }
 
 bool SNMPAgent::initializeAgent() {

@@ -67,6 +67,9 @@ class ZELTA_EXPORT SNMPAgent {
   void waitForFinish();
   // True while the request loop runs.
   bool isRunning() const { return running.load(); }
+  // True once the agent thread has ended: after a stop, or at once when the
+  // port could not be opened. False again after start().
+  bool hasFinished() const { return finished.load(); }
 
   // Publishes one more object with the next start, besides the manager's
   // parameters. The SNMPInfo keeps owning the entry.
@@ -81,6 +84,7 @@ class ZELTA_EXPORT SNMPAgent {
   Options options;
   std::atomic<bool> running{false};
   std::atomic<bool> stopRequested{false};
+  std::atomic<bool> finished{false};
   ParamManager* manager;
   std::unique_ptr<std::thread> thread;
   std::unique_ptr<AgentEngine> engine;
