@@ -101,17 +101,7 @@ std::string berOid(const char* dotted) {
 
 class GetClient {
  public:
-  GetClient(int port, const char* oid) : name(berOid(oid)) {
-    fd = socket(AF_INET, SOCK_DGRAM, 0);
-    sockaddr_in addr{};
-    addr.sin_family = AF_INET;
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    addr.sin_port = htons(static_cast<uint16_t>(port));
-    if (connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) {
-      close(fd);
-      fd = -1;
-    }
-  }
+  GetClient(int port, const char* oid) : fd(zelta_test::connectedSocket(port)), name(berOid(oid)) {}
   ~GetClient() {
     if (fd >= 0) close(fd);
   }

@@ -36,19 +36,7 @@ const uint8_t kProbe[] = {0x30, 0x26, 0x02, 0x01, 0x01, 0x04, 0x06, 'p',  'u',  
 
 using zelta_test::freeUdpPort;
 
-int connectedSocket(int port) {
-  int fd = socket(AF_INET, SOCK_DGRAM, 0);
-  if (fd < 0) return -1;
-  sockaddr_in addr{};
-  addr.sin_family = AF_INET;
-  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  addr.sin_port = htons(static_cast<uint16_t>(port));
-  if (connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) {
-    close(fd);
-    return -1;
-  }
-  return fd;
-}
+using zelta_test::connectedSocket;
 
 // Throws away whatever has arrived on `fd`.
 void drain(int fd) {

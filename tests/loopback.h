@@ -32,6 +32,18 @@ inline int freeUdpPort() {
   return port;
 }
 
+// A UDP socket connected to 127.0.0.1:port, or -1.
+inline int connectedSocket(int port) {
+  int fd = socket(AF_INET, SOCK_DGRAM, 0);
+  if (fd < 0) return -1;
+  sockaddr_in addr = loopback(port);
+  if (connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) {
+    close(fd);
+    return -1;
+  }
+  return fd;
+}
+
 }  // namespace zelta_test
 
 #endif  // ZELTA_TESTS_LOOPBACK_H_
