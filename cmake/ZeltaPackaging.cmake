@@ -21,7 +21,9 @@ set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
 set(CPACK_SET_DESTDIR ON)
 set(CPACK_INSTALL_PREFIX ${CPACK_PACKAGING_INSTALL_PREFIX})
 set(CPACK_STRIP_FILES ON)
-set(CPACK_SOURCE_IGNORE_FILES "/\\.git/" "/build[^/]*/" "/demo-data/")
+# Bracket expressions rather than backslash escapes: CPack writes these
+# patterns into a generated CMake file, where "\\." would be an invalid escape.
+set(CPACK_SOURCE_IGNORE_FILES "/[.]git/" "/build[^/]*/" "/demo-data/")
 
 # Debian names a library package after its soname (libzelta.so.1: libzelta1),
 # so that a later incompatible libzelta2 can be installed beside it.

@@ -3,7 +3,7 @@
 # any is missing. Extra package names may be given as arguments.
 set -euo pipefail
 
-packages=(cmake g++ make pkg-config libgtest-dev libgmock-dev libbenchmark-dev libsnmp-dev snmp snmpd
+packages=(cmake g++ make pkg-config file dpkg-dev libgtest-dev libgmock-dev libbenchmark-dev libsnmp-dev snmp snmpd
   clang libclang-rt-14-dev "$@")
 missing=()
 for p in "${packages[@]}"; do

@@ -2,9 +2,13 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <regex>
 #include <stdexcept>
 #include <string>
+#include <vector>
+
+#include "../lib/src/ratelimit.h"
 
 using namespace Quorvel::Kvan;
 using testing::internal::CaptureStderr;
@@ -88,4 +92,38 @@ TEST_F(LoggingTest, LongLinesAreCutAt999Characters) {
   GetCapturedStderr();
   EXPECT_EQ(line.size(), 999u);
   EXPECT_EQ(line.back(), 'x');  // the colour suffix is lost
+}
+
+// A flood of alike lines: the first few of each kind pass in every window,
+// the first line of a new kind always does, and a window that held lines back
+// ends with one summary of them.
+TEST(LogRateLimiter, PassesTheFirstLinesOfEachKindAndSumsUpTheRest) {
+  using Clock = LogRateLimiter::Clock;
+  const Clock::time_point t0{};
+  LogRateLimiter limiter(3, std::chrono::seconds(60));
+  EXPECT_EQ(LogRateLimiter::kindOf("Bad PDU type received: 0x1b"), "Bad PDU type received");
+  EXPECT_EQ(LogRateLimiter::kindOf("bad type returned (fc)"), "bad type returned");
+  int passed = 0;
+  for (int i = 0; i < 1000; ++i)
+    passed += limiter.admit("Bad PDU type received: 0x" + std::to_string(i), i % 2, t0 + std::chrono::milliseconds(i));
+  EXPECT_EQ(passed, 3);
+  EXPECT_TRUE(limiter.admit("bad type returned (fc)", ERROR, t0 + std::chrono::seconds(30)));
+  EXPECT_TRUE(limiter.takeDue(t0 + std::chrono::seconds(59)).empty());
+
+  std::vector<LogRateLimiter::Summary> due = limiter.takeDue(t0 + std::chrono::seconds(60));
+  ASSERT_EQ(due.size(), 1u);
+  EXPECT_EQ(due[0].kind, "Bad PDU type received");
+  EXPECT_EQ(due[0].suppressed, 997u);
+  EXPECT_EQ(due[0].level, 0);  // the most severe of the lines held back
+  // A new window lets the first few through again.
+  EXPECT_TRUE(limiter.admit("Bad PDU type received: 0x1", WARNING, t0 + std::chrono::seconds(61)));
+  // Beyond the 32 kinds it tracks (2 so far), lines share one window.
+  for (int i = 0; i < 100; ++i) {
+    const char name[] = {'k', static_cast<char>('a' + i % 60 / 26), static_cast<char>('a' + i % 60 % 26), 0};
+    limiter.admit(name, 0, t0 + std::chrono::seconds(61));
+  }
+  due = limiter.takeDue(t0 + std::chrono::hours(1));
+  ASSERT_EQ(due.size(), 1u);
+  EXPECT_EQ(due[0].kind, "(other messages)");
+  EXPECT_EQ(due[0].suppressed, 40u - 3u);
 }

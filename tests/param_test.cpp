@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <memory>
 #include <thread>
 
 #include <sys/stat.h>
@@ -182,6 +183,43 @@ TEST(ParamGroup, AutoSaveRunsOnceAboutTwoSecondsAfterABurst) {
   EXPECT_NE(log.find("ParamGroup: name: auto, ticks elapsed, saving...\n"), std::string::npos);
 }
 
+// A process that exits while a countdown runs saves at once and ends cleanly:
+// no worker outlives the log or the group it writes (AddressSanitizer sees
+// any that does).
+TEST(ParamGroupDeathTest, ExitDuringACountdownSavesAndEndsCleanly) {
+  TempDir dir;
+  const std::string path = dir.file("exit.txt");
+  EXPECT_EXIT(
+      {
+        static ParamGroup group("exit", path);
+        static Param label(group, STRING, Variant("a"), nullptr);
+        static ParamManager manager;
+        manager.add("label", &label);
+        Log["libzelta"].level = VERBOSE;  // the worker logs on every tick
+        label.setValue(std::string("changed"));
+        label.notifyAll("exit test", nullptr);
+        exit(0);
+      },
+      testing::ExitedWithCode(0), "");
+  EXPECT_EQ(dir.read("exit.txt"), "label.0 = 0:4:\"changed\"\n");
+}
+
+// A group destroyed while it counts down (a host's locals going out of scope,
+// parameters first) waits for its worker, which does not save.
+TEST(ParamGroup, DestroyedDuringItsCountdownEndsItsWorkerWithoutSaving) {
+  TempDir dir;
+  auto group = std::make_unique<ParamGroup>("gone", dir.file("gone.txt"));
+  auto param = std::make_unique<Param>(*group, INTEGER, nullptr);
+  param->setName("p");
+  param->notifyAll("countdown", nullptr);
+  ASSERT_TRUE(group->isWorkerRunning());
+  const auto start = std::chrono::steady_clock::now();
+  param.reset();
+  group.reset();
+  EXPECT_LT(std::chrono::steady_clock::now() - start, milliseconds(1500));
+  EXPECT_FALSE(Common::fileExists(dir.file("gone.txt")));
+}
+
 TEST(ParamGroup, UnwritableFileIsRetriedOnTheNextChange) {
   TempDir dir;
   ParamGroup g("retry", dir.file("sub/retry.txt"));
@@ -235,6 +273,14 @@ TEST(ParamManagerDeathTest, MisuseAborts) {
         manager["a"];
       },
       "params\\[key\\]->getName\\(\\) == key");
+  // A host that cleared the stored pointer through the reference gets the
+  // null assertion, not a crash in the name check.
+  EXPECT_DEATH(
+      {
+        manager["a"] = nullptr;
+        manager["a"];
+      },
+      "params\\[key\\] != __null");
 }
 
 TEST(ParamManager, LoadingSchedulesNoSaveAndRunsNoHook) {
@@ -263,6 +309,15 @@ TEST(ParamGroup, AtomicSaveReplacesTheFileWhole) {
   ASSERT_TRUE(g.save());
   EXPECT_EQ(dir.read("atomic.txt"), "label.0 = 0:4:\"new\"\n");
   EXPECT_EQ(Common::executeProgram("ls -A '" + dir.path() + "'"), "atomic.txt\n");  // no temporary left behind
+  // A temporary file that a power cut left behind goes with the next save;
+  // files that merely look alike stay.
+  dir.write("atomic.txt.zelta-tmp.Ab12Cd", "torn");
+  dir.write("atomic.txt.backup", "kept");
+  dir.write("other.txt.zelta-tmp.Ab12Cd", "kept");
+  g.setAtomicSave(false);
+  ASSERT_TRUE(g.save());
+  EXPECT_EQ(Common::executeProgram("ls -A '" + dir.path() + "'"),
+            "atomic.txt\natomic.txt.backup\nother.txt.zelta-tmp.Ab12Cd\n");
   ParamGroup bad("bad", dir.file("missing/atomic.txt"));
   bad.setAtomicSave(true);
   captureLog(ERROR, [&] { EXPECT_FALSE(bad.save()); });

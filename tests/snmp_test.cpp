@@ -1,5 +1,7 @@
 // The SNMP agent on the wire: scalar leaves, DynMibTable and the engine's life
 // cycle, driven with the Net-SNMP command-line tools against 127.0.0.1.
+#include <poll.h>
+
 #include <clocale>
 #include <random>
 #include <stdexcept>
@@ -122,6 +124,47 @@ TEST_F(AgentTest, KeepsTheLocaleServesCommunitiesAndV3RestartsAndRefusesASecondE
   stopAgent();
   ASSERT_TRUE(startAgent({s.info.getEntry()}));
   EXPECT_EQ(fetch(leaf(1), "1"), "INTEGER: 3");
+}
+
+// Any sender can make Net-SNMP log a line per malformed datagram: 10,000 of
+// them leave a few lines in the log, the first of its kind included, and the
+// agent keeps answering.
+TEST_F(AgentTest, MalformedDatagramsCannotFillTheLog) {
+  Scalar s(1, Variant(1L), as<IntMibLeaf>);
+  ASSERT_TRUE(startAgent({s.info.getEntry()}));
+  const std::string probe =
+      tlv(0x30, berInt(1) + tlv(0x04, "public") +
+                    tlv(0xA0, berInt(42) + berInt(0) + berInt(0) +
+                                  tlv(0x30, tlv(0x30, berOid({1, 3, 6, 1, 4, 1, 99999, 1, 1, 0}) + tlv(0x05, "")))));
+  int fd = connectedSocket(port);
+  ASSERT_GE(fd, 0);
+  int sent = 0, answered = 0;
+  std::string log = captureLog(WARNING, [&] {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+    for (; sent < 10000 && std::chrono::steady_clock::now() < deadline; ++sent) {
+      // A message whose PDU tag is no PDU type at all.
+      const int tags[] = {0xA9, 0xAA, 0xAB, 0xAC, 0xAD, 0xAE, 0xAF, 0xB1};
+      std::string bad = tlv(0x30, berInt(1) + tlv(0x04, "public") + tlv(tags[sent % 8], berInt(sent & 0xffff)));
+      send(fd, bad.data(), bad.size(), 0);
+      if (sent % 100 != 99) continue;
+      // A GET behind each hundred: its answer says the agent has read them.
+      send(fd, probe.data(), probe.size(), 0);
+      pollfd reply{fd, POLLIN, 0};
+      char buf[2048];
+      if (poll(&reply, 1, 2000) == 1 && recv(fd, buf, sizeof buf, 0) > 0) ++answered;
+    }
+  });
+  close(fd);
+  EXPECT_EQ(sent, 10000);
+  EXPECT_GE(answered, 95);
+  const size_t lines = occurrences(log, "Net-SNMP: ");
+  EXPECT_GE(lines, 1u) << log;
+  EXPECT_LE(lines, 10u) << log;
+  EXPECT_EQ(fetch(leaf(1)), "INTEGER: 1");
+  // What was held back is summed up, at the latest when the agent stops.
+  log = captureLog(WARNING, [&] { stopAgent(); });
+  EXPECT_NE(log.find("Net-SNMP: "), std::string::npos);
+  EXPECT_NE(log.find(" were not logged\n"), std::string::npos) << log;
 }
 
 // ---- Scalar leaves
@@ -334,6 +377,35 @@ TEST_F(TableTest, SurvivesRestartsAndDuplicateRegistrations) {
   mib().setAccess(READONLY);
   EXPECT_EQ(refusal("2c", {cell(3, "1"), "i", "9"}), "notWritable");
   EXPECT_EQ(refusal("2c", {cell(2, "9"), "i", "5"}), "notWritable");
+}
+
+// An object made NOACCESS at run time answers like one never published, to
+// GET, GETNEXT and walks alike, without asking its filler; it is served again
+// once its access is back.
+TEST_F(TableTest, NoAccessAtRunTimeHidesTheObjectUntilRestored) {
+  Scalar scalar{9, Variant(5L), as<IntMibLeaf>};
+  stopAgent();
+  ASSERT_TRUE(startAgent({scalar.info.getEntry(), info.getEntry()}));
+  auto setAccess = [&](mib_access scalarMode, mib_access tableMode) {
+    scalar.info.entryAs<IntMibLeaf>()->setAccess(scalarMode);
+    mib().setAccess(tableMode);
+  };
+  setAccess(NOACCESS, NOACCESS);
+  ToolResult r = get("2c", {leaf(9), cell(3, "1")});
+  EXPECT_EQ(valueOf(r.out, leaf(9)).rfind("No Such Object", 0), 0u) << r.out;
+  EXPECT_EQ(valueOf(r.out, cell(3, "1")).rfind("No Such Object", 0), 0u) << r.out;
+  EXPECT_EQ(reason(get("1", {leaf(9)}).out), "noSuchName");
+  for (const char* walker : {"snmpwalk", "snmpbulkwalk", "snmpgetnext"}) {
+    ToolResult hidden = tool(walker, "2c", "public", {kBase});
+    EXPECT_EQ(hidden.out.find(kBase + ".1.9"), std::string::npos) << walker << ": " << hidden.out;
+    EXPECT_EQ(hidden.out.find(kBase + ".2.1."), std::string::npos) << walker << ": " << hidden.out;
+  }
+  EXPECT_EQ(scalar.listener.fills.size() + listener.fills.size(), 0u);
+
+  setAccess(READWRITE, READCREATE);
+  ToolResult walk = tool("snmpwalk", "2c", "public", {kBase});
+  EXPECT_EQ(valueOf(walk.out, leaf(9)), "INTEGER: 5");
+  EXPECT_EQ(valueOf(walk.out, cell(3, "1")), "INTEGER: 7");
 }
 
 TEST_F(TableTest, RowsAddedInCodeAreActiveWithoutNoticeAndAThousandAreWalked) {

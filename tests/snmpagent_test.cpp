@@ -162,15 +162,24 @@ TEST_F(SNMPAgentTest, BusyPortFailsAndTheNextStartWorks) {
   EXPECT_NE(log.find("SNMPAgent: Cannot initialize SNMP Agent!\n"), std::string::npos);
   EXPECT_FALSE(blocked.isRunning());
   EXPECT_TRUE(blocked.hasFinished());  // how a host learns that the port was not opened
-  blocked.stop();  // harmless
+  blocked.stop();                      // harmless
 
-  // A stop before start does not keep a later start from serving.
-  SNMPAgent later(&device->manager, freeUdpPort());
-  later.stop();
-  port = 0;
-  startAgent();
+  // A stop before start does not keep the start from serving (a few tries:
+  // a port found free may be taken before the agent binds it).
+  std::unique_ptr<SNMPAgent> later;
+  for (int attempt = 0; attempt < 5 && !(later && later->isRunning()); ++attempt) {
+    if (later) later->waitForFinish();
+    options.port = port = freeUdpPort();
+    later = std::make_unique<SNMPAgent>(&device->manager, options);
+    later->stop();
+    later->start();
+    waitFor([&] { return later->isRunning() || later->hasFinished(); }, milliseconds(10000));
+  }
+  ASSERT_TRUE(later->isRunning());
   ToolResult r = snmp("snmpget", {"." + kBase + ".1.0"});
   EXPECT_NE(r.out.find("INTEGER: 7"), std::string::npos) << r.out;
+  later->stop();
+  later->waitForFinish();
 }
 
 // A host hook that throws must not take the device down: the request fails.
@@ -185,4 +194,16 @@ TEST_F(SNMPAgentTest, ThrowingHookFailsTheRequestOnly) {
   EXPECT_EQ(device->volume.getValueCopy().getLong(), 7);
   ToolResult r = snmp("snmpget", {"." + kBase + ".1.0"});
   EXPECT_NE(r.out.find("INTEGER: 7"), std::string::npos) << r.out;
+}
+
+// A table's OID must be its entry OID (ending in .1): the start-up error says
+// which parameter is wrong.
+TEST_F(SNMPAgentTest, TableOidThatIsNoEntryIsReportedWithItsKey) {
+  SNMPInfo info(kBase + ".9", READCREATE);
+  Param wrong(device->network, TABLE, Variant(Table(&device->def)), &info);
+  device->manager.add("wrongTable", &wrong);
+  std::string log = captureLog(ERROR, [&] { startAgent(); });
+  EXPECT_NE(log.find("DynMibTable: 'wrongTable' at ." + kBase + ".9 is not a table entry OID (it must end in .1)\n"),
+            std::string::npos)
+      << log;
 }

@@ -44,6 +44,9 @@ namespace {
 const std::string kBase = "1.3.6.1.4.1.99999.31";
 const std::string kLevelOid = kBase + ".1.0";
 const std::string kLabelOid = kBase + ".2.0";
+// Written by one host thread only: a GET right after its write must see it.
+const std::string kStampOid = kBase + ".3.0";
+const std::string kMarkOid = kBase + ".6.1.3.1";
 std::string cellOid(unsigned int column, unsigned long row) {
   return kBase + ".5.1." + std::to_string(column) + "." + std::to_string(row);
 }
@@ -93,7 +96,9 @@ struct Device {
         label(settings, STRING, Variant(kHostLabels[0]), &labelInfo),
         echo(settings, STRING, Variant(kHostLabels[0]), nullptr),
         reads(settings, INTEGER, Variant(0), nullptr, NEVER_SAVE),
-        routes(network, TABLE, Variant(Table(&def)), &routesInfo) {
+        routes(network, TABLE, Variant(Table(&def)), &routesInfo),
+        stamp(settings, INTEGER, Variant(0), &stampInfo, NEVER_SAVE),
+        marks(settings, TABLE, Variant(markTable()), &marksInfo, NEVER_SAVE) {
     settings.setAtomicSave(true);
     network.setAtomicSave(true);
     manager.add("level", &level);
@@ -101,6 +106,8 @@ struct Device {
     manager.add("echo", &echo);
     manager.add("reads", &reads);
     manager.add("routes", &routes);
+    manager.add("stamp", &stamp);
+    manager.add("marks", &marks);
     level.setFiller([this](Variant&, const ExtraInfo*) {
       reads.setValue(reads.getValue().getLong() + 1);
       return true;
@@ -116,9 +123,18 @@ struct Device {
   SNMPInfo levelInfo{kLevelOid, READWRITE};
   SNMPInfo labelInfo{kLabelOid, READWRITE};
   SNMPInfo routesInfo{kBase + ".5.1", READCREATE};
+  SNMPInfo stampInfo{kStampOid, READWRITE};
+  SNMPInfo marksInfo{kBase + ".6.1", READCREATE};
   ParamGroup settings, network;
   TableDef def;
-  Param level, label, echo, reads, routes;
+  std::map<unsigned int, FieldType> markFields{{3, FieldType(INTEGER, NO_RANGE, NO_RANGE)}};
+  TableDef markDef{{1}, 2, markFields, 1};
+  Table markTable() {
+    Table table(&markDef);
+    table.addRow({1});
+    return table;
+  }
+  Param level, label, echo, reads, routes, stamp, marks;
   ParamManager manager;
   std::atomic<int> validations{0};
 };
@@ -225,7 +241,7 @@ class StressTest : public testing::Test {
 
 TEST_F(StressTest, HostThreadsManagersAndSavesSeeOnlyWrittenValues) {
   Device& d = *device;
-  std::atomic<int> hostRounds{0}, clientSets{0}, clientGets{0}, toolSets{0}, toolGets{0}, fileChecks{0};
+  std::atomic<int> hostRounds{0}, clientSets{0}, clientGets{0}, toolSets{0}, toolGets{0}, fileChecks{0}, freshReads{0};
   deadline = steady_clock::now() + kRunFor;
   std::vector<std::thread> threads;
 
@@ -259,6 +275,23 @@ TEST_F(StressTest, HostThreadsManagersAndSavesSeeOnlyWrittenValues) {
       ++hostRounds;
     }));
   }
+
+  // A host write is served at once: a GET right after setValue or
+  // setTableCellValue answers the value just written, never an older one.
+  threads.push_back(loop([&](unsigned i) {
+    const long mark = 5000 + static_cast<long>(i);
+    d.stamp.setValue(mark);
+    d.marks.setTableCellValue({1}, 3, Variant(mark));
+    for (const std::string& oid : {kStampOid, kMarkOid}) {
+      Vb got;
+      int32_t value = 0;
+      if (!SNMPClient::get("127.0.0.1", port, oid, got) || !got.getInteger(value)) continue;
+      ++freshReads;
+      if (value != mark)
+        problems.add("GET " + oid + " after the host wrote " + std::to_string(mark) + " answered " +
+                     std::to_string(value));
+    }
+  }));
 
   // The in-process client: single SETs and GETs, now and then a refused one.
   threads.push_back(loop([&](unsigned i) {
@@ -341,6 +374,7 @@ TEST_F(StressTest, HostThreadsManagersAndSavesSeeOnlyWrittenValues) {
   EXPECT_GT(toolSets.load(), 0);
   EXPECT_GT(toolGets.load(), 0);
   EXPECT_GT(fileChecks.load(), 0);
+  EXPECT_GT(freshReads.load(), 0);
   // The filler and the validator ran on the agent thread, and the hook kept
   // echo in step with some label.
   EXPECT_GT(d.reads.getValueCopy().getLong(), 0);
@@ -371,23 +405,37 @@ TEST_F(StressTest, HostThreadsManagersAndSavesSeeOnlyWrittenValues) {
   }
 }
 
-// A published table given a whole new Table keeps serving SNMP writes into
-// the parameter's value (the agent's side must not point at the old Table).
-TEST_F(StressTest, NewTableValueStillTakesManagerWrites) {
+// A published table given a whole new Table: the agent serves exactly the new
+// rows (gone, changed and new ones), keeps taking SNMP writes into the
+// parameter's value, and the next save holds the new table.
+TEST_F(StressTest, WholeNewTableIsServedAndSaved) {
   Table replacement(&device->def);
-  for (unsigned long row = 1; row <= kRows; ++row) {
+  for (unsigned long row = 2; row <= kRows + 2; ++row) {
     replacement.setCellValue({row}, 3, kHostNumbers[1]);
     replacement.setCellValue({row}, 4, kHostNames[1]);
   }
   device->routes.setValue(replacement);
-  ToolResult r = runTool({"snmpset", "-v", "2c", "-c", "vorpal", "-On", "-t", "3", "-r", "0",
-                          "127.0.0.1:" + std::to_string(port), cellOid(3, 2), "i", std::to_string(kSnmpNumbers[2])});
+  const std::string target = "127.0.0.1:" + std::to_string(port);
+  ToolResult r = runTool({"snmpget", "-v", "2c", "-c", "public", "-On", "-t", "3", "-r", "0", target, cellOid(3, 1),
+                          cellOid(3, kRows + 2), cellOid(4, kRows + 2)});
+  EXPECT_NE(r.out.find(cellOid(3, 1) + " = No Such Instance"), std::string::npos) << r.out;
+  EXPECT_NE(r.out.find(cellOid(3, kRows + 2) + " = INTEGER: " + std::to_string(kHostNumbers[1])), std::string::npos)
+      << r.out;
+  EXPECT_NE(r.out.find("STRING: \"" + kHostNames[1] + "\""), std::string::npos) << r.out;
+  r = runTool({"snmpset", "-v", "2c", "-c", "vorpal", "-On", "-t", "3", "-r", "0", target, cellOid(3, kRows + 1), "i",
+               std::to_string(kSnmpNumbers[2])});
   ASSERT_EQ(r.exitCode, 0) << r.out;
   Variant number;
-  ASSERT_TRUE(device->routes.getTableCellValue({2}, 3, number));
+  ASSERT_TRUE(device->routes.getTableCellValue({kRows + 1}, 3, number));
   EXPECT_EQ(number.getLong(), kSnmpNumbers[2]);
-  ASSERT_TRUE(device->routes.getTableCellValue({1}, 3, number));
-  EXPECT_EQ(number.getLong(), kHostNumbers[1]);
+
+  ASSERT_TRUE(device->network.save());
+  std::string expected;
+  for (unsigned long row = 2; row <= kRows + 2; ++row)
+    expected += "routes." + std::to_string(row) +
+                " = 3:2:" + std::to_string(row == kRows + 1 ? kSnmpNumbers[2] : kHostNumbers[1]) + " 4:4:\"" +
+                kHostNames[1] + "\" \n";
+  EXPECT_EQ(dir.read("network.txt"), expected);
 }
 
 // A post-set hook that saves its group while another thread saves: the save

@@ -9,12 +9,14 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <clocale>
 #include <cstdio>
 #include <cstring>
 
 #include "agentengine.h"
 #include "liblock.h"
+#include "ratelimit.h"
 #include "zelta/logging.h"
 #include "zelta/mibtypes.h"
 
@@ -40,6 +42,33 @@ const char kAppName[] = "libzelta";
 // The initialised engine, if any; guarded by agentLock().
 AgentEngine* activeEngine = nullptr;
 
+// Net-SNMP logs a line for every malformed datagram: alike lines are limited
+// to a few per minute, and what was held back is summed up once a minute.
+struct NetSnmpLogLimit {
+  std::mutex mutex;
+  LogRateLimiter limiter{5, std::chrono::minutes(1)};
+};
+
+NetSnmpLogLimit& netSnmpLogLimit() {
+  static auto* limit = new NetSnmpLogLimit();  // never destroyed: logging may outlive statics
+  return *limit;
+}
+
+// Logs the summaries that are due at `now`.
+void logSuppressedLines(LogRateLimiter::Clock::time_point now) {
+  std::vector<LogRateLimiter::Summary> due;
+  {
+    NetSnmpLogLimit& limit = netSnmpLogLimit();
+    std::lock_guard<std::mutex> lock(limit.mutex);
+    due = limit.limiter.takeDue(now);
+  }
+  const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(netSnmpLogLimit().limiter.window()).count();
+  for (const auto& summary : due)
+    Log["libzelta"].append(static_cast<EventType>(summary.level),
+                           "Net-SNMP: %u more lines like \"%s\" in the last %lld s were not logged\n",
+                           summary.suppressed, summary.kind.c_str(), static_cast<long long>(seconds));
+}
+
 // Net-SNMP's log messages go to our channel at the matching level.
 int logCallback(int /*major*/, int /*minor*/, void* serverarg, void* /*clientarg*/) {
   const auto* message = static_cast<const snmp_log_message*>(serverarg);
@@ -51,6 +80,13 @@ int logCallback(int /*major*/, int /*minor*/, void* serverarg, void* /*clientarg
     level = WARNING;
   else if (message->priority <= LOG_INFO)
     level = INFO;
+  // Lines the channel drops anyway cost no more than the level check.
+  if (level > Log["libzelta"].level.load(std::memory_order_relaxed)) return 0;
+  {
+    NetSnmpLogLimit& limit = netSnmpLogLimit();
+    std::lock_guard<std::mutex> lock(limit.mutex);
+    if (!limit.limiter.admit(message->msg, level, LogRateLimiter::Clock::now())) return 0;
+  }
   size_t len = strlen(message->msg);
   bool newline = len > 0 && message->msg[len - 1] == '\n';
   Log["libzelta"].append(level, "Net-SNMP: %s%s", message->msg, newline ? "" : "\n");
@@ -220,7 +256,7 @@ bool AgentEngine::initialize(const AgentConfig& config, const std::vector<MibEnt
     if (entry->registerEntry())
       registered.push_back(entry);
     else
-      Log["libzelta"].append(ERROR, "AgentEngine: cannot publish .%s\n", entry->getOid().c_str());
+      Log["libzelta"].append(ERROR, "AgentEngine: cannot publish %s\n", entry->describe().c_str());
   }
 
   // init_snmp sets LC_CTYPE from the environment; the host's setting stays.
@@ -280,11 +316,16 @@ void AgentEngine::serveOnce(int maxSeconds) {
     netsnmp_check_outstanding_agent_requests();
   }
   netsnmp_large_fd_set_cleanup(&fds);
+  logSuppressedLines(LogRateLimiter::Clock::now());
 }
 
 void AgentEngine::shutdown() {
-  std::lock_guard lock(agentLock());
-  if (initialized) cleanUp_nolock();
+  {
+    std::lock_guard lock(agentLock());
+    if (initialized) cleanUp_nolock();
+  }
+  // What was held back is told now rather than never.
+  logSuppressedLines(LogRateLimiter::Clock::now() + netSnmpLogLimit().limiter.window());
 }
 
 void AgentEngine::wakeUp() {

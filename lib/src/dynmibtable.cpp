@@ -207,8 +207,14 @@ struct DynMibTable::Handler {
 };
 
 void DynMibTable::get_request(netsnmp_agent_request_info_s* reqinfo, netsnmp_request_info_s* requests) {
+  const bool hidden = get_access() == NOACCESS;
   for (netsnmp_request_info* request = requests; request != nullptr; request = request->next) {
     if (request->processed) continue;
+    if (hidden) {
+      // Made NOACCESS at run time: hidden like a table never published.
+      netsnmp_set_request_error(reqinfo, request, SNMP_NOSUCHOBJECT);
+      continue;
+    }
     netsnmp_table_request_info* info = netsnmp_extract_table_info(request);
     if (info == nullptr) continue;
     RowIdx indexes(info->index_oid, info->index_oid + info->index_oid_len);
@@ -502,12 +508,36 @@ bool DynMibTable::addRow(std::vector<unsigned long> indexes, std::map<unsigned i
     }
   std::lock_guard lock(agentLock());
   auto it = rows.find(indexes);
-  if (it == rows.end()) {
-    it = rows.emplace(indexes, newRow()).first;
-    if (tdata != nullptr) insertTdataRow_nolock(indexes, it->second);
-  }
+  if (it == rows.end()) it = insertRow_nolock(rows.end(), indexes);
   table->addOrUpdateRow(indexes);
-  MibRow& agentRow = it->second;
+  loadActiveRow_nolock(it->second, row);
+  return true;
+}
+
+void DynMibTable::reloadFromTable() {
+  std::lock_guard lock(agentLock());
+  // One merged pass over both sorted row sets: rows the Table no longer has
+  // go, the others take the Table's cells.
+  auto mine = rows.begin();
+  for (const auto& [indexes, row] : table->getRows()) {
+    while (mine != rows.end() && mine->first < indexes) eraseRow_nolock(mine++);
+    const bool usable = !indexes.empty() && (numIdx == -1 || static_cast<size_t>(numIdx) == indexes.size());
+    if (!usable) continue;
+    if (mine == rows.end() || indexes < mine->first) mine = insertRow_nolock(mine, indexes);
+    loadActiveRow_nolock(mine->second, row);
+    ++mine;
+  }
+  while (mine != rows.end()) eraseRow_nolock(mine++);
+}
+
+std::map<RowIdx, MibRow>::iterator DynMibTable::insertRow_nolock(std::map<RowIdx, MibRow>::iterator hint,
+                                                                 const RowIdx& indexes) {
+  auto it = rows.emplace_hint(hint, indexes, newRow());
+  if (tdata != nullptr) insertTdataRow_nolock(indexes, it->second);
+  return it;
+}
+
+void DynMibTable::loadActiveRow_nolock(MibRow& agentRow, const TableRow& row) {
   for (const auto& [column, cellValue] : row) {
     MibCell* cell = agentRow.cell(column);
     if (cell == nullptr) continue;
@@ -541,7 +571,6 @@ bool DynMibTable::addRow(std::vector<unsigned long> indexes, std::map<unsigned i
   // A loaded row is active at once, defaults included, and nobody is told.
   for (MibCell& cell : agentRow.cells) cell.hasValue = true;
   agentRow.rowStatus = kActive;
-  return true;
 }
 
 bool DynMibTable::isRowActive(const std::vector<unsigned long>& indexes) {
@@ -787,11 +816,11 @@ bool DynMibTable::registerEntry() {
   if (isRegistered()) return true;
   const std::vector<unsigned long>& entry = oidParts();
   if (entry.size() < 2 || entry.back() != 1) {
-    Log["libzelta"].append(ERROR, "DynMibTable: .%s is not a table entry OID (it must end in .1)\n", getOid().c_str());
+    Log["libzelta"].append(ERROR, "DynMibTable: %s is not a table entry OID (it must end in .1)\n", describe().c_str());
     return false;
   }
   if (definition == nullptr || rowStatusColumn == 0) {
-    Log["libzelta"].append(ERROR, "DynMibTable: .%s has no RowStatus column\n", getOid().c_str());
+    Log["libzelta"].append(ERROR, "DynMibTable: %s has no RowStatus column\n", describe().c_str());
     return false;
   }
   std::vector<unsigned int> served{rowStatusColumn};

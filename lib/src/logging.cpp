@@ -68,9 +68,13 @@ std::string LogChannel::append(EventType msgLevel, const char* format, ...) {
   return std::string(line);
 }
 
-Logging::Logging() { add("libzelta", WARNING); }
+Logging::Logging() : channels_() { add("libzelta", WARNING); }
 
-Logging::~Logging() = default;
+Logging::~Logging() {
+  // The global registry is destroyed at exit while detached threads (a save
+  // worker, a host thread) may still log: its channels stay.
+  if (this != &Log) channels_.~map();
+}
 
 bool Logging::add(const std::string& name, EventType level) {
   if (channels_.count(name) != 0) return false;

@@ -26,7 +26,12 @@ int leafHandlerUnguarded(netsnmp_mib_handler* handler, netsnmp_agent_request_inf
     const netsnmp_variable_list& vb = *request->requestvb;
     switch (reqinfo->mode) {
       case MODE_GET:
-        leaf->get_request(reqinfo, request);
+        // An object made NOACCESS at run time is hidden like one never
+        // published; a walk steps over it.
+        if (leaf->get_access() == NOACCESS)
+          netsnmp_set_request_error(reqinfo, request, SNMP_NOSUCHOBJECT);
+        else
+          leaf->get_request(reqinfo, request);
         break;
       case MODE_SET_RESERVE1: {
         // Writability is checked per request, so that setAccess takes effect

@@ -127,6 +127,8 @@ void Param::setValue(const Variant& v) {
   // published table's SNMP side keeps pointing at that object.
   if (&v != &value && value.getType() == VariantType::TABLEDEF && v.getType() == VariantType::TABLEDEF) {
     *value.getMutableTable() = v.getTable();
+    // The agent serves, and the next save writes, exactly the new rows.
+    if (auto* snmpTable = snmpEntryAs<SNMP::DynMibTable>()) snmpTable->reloadFromTable();
     return;
   }
   value = v;

@@ -4,13 +4,18 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <dirent.h>
+
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
+#include <condition_variable>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <map>
+#include <mutex>
 #include <thread>
 #include <vector>
 
@@ -58,11 +63,81 @@ std::string directoryOf(const std::string& path) {
   return dirname(copy.data());
 }
 
+std::string fileNameOf(const std::string& path) {
+  size_t slash = path.rfind('/');
+  return slash == std::string::npos ? path : path.substr(slash + 1);
+}
+
+// Temporary files of crash-safe saves are "<file>.zelta-tmp.XXXXXX", a name
+// no group file and no host file is expected to have.
+const char kTempInfix[] = ".zelta-tmp.";
+const size_t kTempSuffixLength = 6;  // what mkstemp puts in place of XXXXXX
+
+// Removes the temporary files a power cut during a crash-safe save left next
+// to `path`. REQUIRES: the file-writes mutex (no save of ours is writing one).
+void removeStaleTemporaries(const std::string& path) {
+  const std::string prefix = fileNameOf(path) + kTempInfix;
+  DIR* dir = opendir(directoryOf(path).c_str());
+  if (dir == nullptr) return;
+  while (const dirent* entry = readdir(dir)) {
+    const std::string name = entry->d_name;
+    if (name.size() != prefix.size() + kTempSuffixLength || name.compare(0, prefix.size(), prefix) != 0) continue;
+    if (unlinkat(dirfd(dir), entry->d_name, 0) == 0)
+      Log["libzelta"].append(INFO, "ParamGroup: - removed '%s', left by an interrupted save\n", name.c_str());
+  }
+  closedir(dir);
+}
+
+// The auto-save workers of every group. A countdown waits on `wake`, so that
+// the process exiting or its group going away cuts it short; `ended` tells
+// who waits that a worker is done with its group.
+struct SaveWorkers {
+  std::mutex mutex;
+  std::condition_variable wake;
+  std::condition_variable ended;
+  int running = 0;
+  bool exiting = false;
+};
+
+SaveWorkers& saveWorkers() {
+  static auto* workers = new SaveWorkers();  // never destroyed: workers may run during exit
+  return *workers;
+}
+
+// How long exit, or a group going away, waits for a save in flight.
+const auto kWorkerWaitLimit = std::chrono::seconds(10);
+
+// Constructed with the first worker, so after the global Log: at exit it is
+// destroyed first, and its destructor has every pending countdown save at
+// once and waits for the saves in flight. Nothing is lost, and no worker logs
+// into a log or a lock that exit has already torn down.
+struct SaveAtExit {
+  ~SaveAtExit() {
+    SaveWorkers& workers = saveWorkers();
+    std::unique_lock<std::mutex> lock(workers.mutex);
+    workers.exiting = true;
+    workers.wake.notify_all();
+    workers.ended.wait_for(lock, kWorkerWaitLimit, [&] { return workers.running == 0; });
+  }
+};
+
 }  // namespace
 
 ParamGroup::ParamGroup() : name(kNoName) {}
 
 ParamGroup::ParamGroup(const std::string& groupName, const std::string& path) { setParams(groupName, path); }
+
+ParamGroup::~ParamGroup() {
+  // A worker still counting for this group ends without saving: the group's
+  // parameters may be gone already. A save in flight is waited for.
+  SaveWorkers& workers = saveWorkers();
+  std::unique_lock<std::mutex> lock(workers.mutex);
+  if (!workerRunning) return;
+  abandoned = true;
+  workers.wake.notify_all();
+  if (!workers.ended.wait_for(lock, kWorkerWaitLimit, [&] { return !workerRunning; }))
+    Log["libzelta"].append(ERROR, "ParamGroup: [%s] destroyed while its save still runs\n", name.c_str());
+}
 
 ParamGroup::ParamGroup(const ParamGroup& other)
     : name(other.name),
@@ -128,6 +203,7 @@ bool ParamGroup::save() {
 }
 
 bool ParamGroup::writeFile(const std::string& text) {
+  removeStaleTemporaries(filePath);
   if (!atomicSave) {
     FILE* file = fopen(filePath.c_str(), "w");
     if (file == nullptr) return false;
@@ -138,7 +214,7 @@ bool ParamGroup::writeFile(const std::string& text) {
     return true;
   }
   // Crash-safe variant: the old file stays complete until the rename.
-  std::string tmpl = filePath + ".XXXXXX";
+  std::string tmpl = filePath + kTempInfix + "XXXXXX";
   std::vector<char> tmpPath(tmpl.begin(), tmpl.end());
   tmpPath.push_back('\0');
   int fd = mkstemp(tmpPath.data());
@@ -173,26 +249,50 @@ void ParamGroup::onChange(Param* param, const std::string& reason, const ExtraIn
   Log["libzelta"].append(DEBUG, "ParamGroup: change on param '%s': %s [%s]\n", param->getName().c_str(),
                          param->getValue().toString().c_str(), reason.c_str());
   ticks = 2;
-  if (workerRunning.exchange(true)) return;  // the running countdown sees the new ticks
+  SaveWorkers& workers = saveWorkers();
+  {
+    std::lock_guard<std::mutex> registry(workers.mutex);
+    if (workerRunning) return;  // the running countdown sees the new ticks
+    workerRunning = true;
+    ++workers.running;
+  }
+  static SaveAtExit saveAtExit;
   // Detached: nobody joins a save worker, and a joinable thread left behind
   // would abort the process at exit.
   std::thread(&ParamGroup::workerCode, this).detach();
 }
 
+bool ParamGroup::waitOneTick() {
+  SaveWorkers& workers = saveWorkers();
+  std::unique_lock<std::mutex> lock(workers.mutex);
+  workers.wake.wait_for(lock, std::chrono::seconds(1), [&] { return workers.exiting || abandoned; });
+  return !workers.exiting && !abandoned;
+}
+
 void ParamGroup::workerCode() {
+  // One-second ticks; a change during a tick restarts the count at 2 without
+  // shortening the tick under way. At exit the countdown is cut short and the
+  // save made at once.
+  bool counted = true;
   do {
     Log["libzelta"].append(VERBOSE, "ParamGroup: name: %s, ticks: %d\n", name.c_str(), ticks.load());
-    sleep(1);
-  } while (--ticks > 0);
-  Log["libzelta"].append(DEBUG, "ParamGroup: name: %s, ticks elapsed, saving...\n", name.c_str());
-  save();
+    counted = waitOneTick();
+  } while (counted && --ticks > 0);
+  SaveWorkers& workers = saveWorkers();
+  if (!abandoned) {
+    Log["libzelta"].append(DEBUG, "ParamGroup: name: %s, ticks elapsed, saving...\n", name.c_str());
+    save();
+  }
   LibraryLockGuard lock(libraryMutex());
   // A change announced while the file was written found this worker running
   // and started none; it reaches the file with the next save. This is the
   // group's documented countdown, kept as existing devices expect it.
   ticks = 0;
+  std::lock_guard<std::mutex> registry(workers.mutex);
   // Last touch of the group: once this reads false the group may go.
   workerRunning = false;
+  --workers.running;
+  workers.ended.notify_all();
 }
 
 }  // namespace Quorvel::Kvan

@@ -79,7 +79,9 @@ Param*& ParamManager::operator[](std::string key) {
   ZELTA_ASSERT(key.size() > 0, "key.size() > 0");
   auto it = params.find(key);
   ZELTA_ASSERT(it != params.end(), "params.find(key) != params.end()");
-  ZELTA_ASSERT(it->second->getName() == key, "params[key]->getName() == key");
+  // The host may have cleared the stored pointer through the returned
+  // reference: the name is checked only on a pointer that is there.
+  ZELTA_ASSERT(it->second == nullptr || it->second->getName() == key, "params[key]->getName() == key");
   ZELTA_ASSERT(it->second != nullptr, "params[key] != __null");
   return it->second;
 }

@@ -98,6 +98,7 @@ void SNMPAgent::initMib() {
   readWriteCount = 0;
   auto publish = [&](const std::string& key, MibEntry* entry, mib_access access) {
     if (entry == nullptr || access == NOACCESS) return;
+    entry->key = key;
     entries.emplace_back(key, entry);
     if (access == READONLY) {
       ++readOnlyCount;

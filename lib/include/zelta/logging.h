@@ -66,7 +66,11 @@ class ZELTA_EXPORT Logging {
   bool setLevelFromString(const std::string& levelText, char separator);
 
  private:
-  std::map<std::string, LogChannel> channels_;
+  // In a union so that the destructor decides: the global registry keeps its
+  // channels after exit has destroyed it, for threads that still log then.
+  union {
+    std::map<std::string, LogChannel> channels_;
+  };
 };
 
 // The one registry of the process.

@@ -55,6 +55,9 @@ class ZELTA_EXPORT MibEntry {
   mib_access get_access() const { return static_cast<mib_access>(access.load()); }
   // True while registered with a running agent.
   bool isRegistered() const { return registration != nullptr; }
+  // The key the agent publishes the object under (the parameter's key), for
+  // log lines; "" until an agent has taken it.
+  const std::string& getKey() const { return key; }
 
  protected:
   MibEntry(const std::string& oid, mib_access access);
@@ -62,6 +65,8 @@ class ZELTA_EXPORT MibEntry {
   // Sub-identifiers of the OID; empty when the text is not a valid OID.
   const std::vector<unsigned long>& oidParts() const { return oidSubIds; }
   void storeAccess(mib_access mode) { access.store(static_cast<int>(mode)); }
+  // Where log lines name the object: "'key' at .oid", or ".oid" alone.
+  std::string describe() const;
 
   // Registers the object's handler with the agent. REQUIRES: agent lock held,
   // agent initialising. False (with an ERROR line) when Net-SNMP refuses.
@@ -74,7 +79,9 @@ class ZELTA_EXPORT MibEntry {
 
  private:
   friend class AgentEngine;
+  friend class SNMPAgent;
 
+  std::string key;
   std::string oidText;
   std::vector<unsigned long> oidSubIds;
   std::atomic<int> access;
@@ -312,6 +319,10 @@ class ZELTA_EXPORT DynMibTable : public MibEntry, public IAccessModeChangeable {
   // is created with defaults if absent and otherwise left as it is. False,
   // and nothing changed, when the index has the wrong number of components.
   bool addRow(std::vector<unsigned long> indexes, std::map<unsigned int, Variant> row);
+  // Makes the agent's rows exactly the Table's rows, each active with the
+  // Table's cells, with no notice: what a silent write of a whole new table
+  // needs. Rows whose index has the wrong number of components are left out.
+  void reloadFromTable();
   // True when the row exists and its RowStatus is active.
   bool isRowActive(const std::vector<unsigned long>& indexes);
   // isRowActive for every row of `table`, in index order, in one merged pass
@@ -385,6 +396,8 @@ class ZELTA_EXPORT DynMibTable : public MibEntry, public IAccessModeChangeable {
   // with an ERROR line, for a type that cannot be published.
   bool makeLeaf(unsigned int column, const FieldType& type, MibCell& out) const;
   MibRow newRow() const;
+  std::map<RowIdx, MibRow>::iterator insertRow_nolock(std::map<RowIdx, MibRow>::iterator hint, const RowIdx& indexes);
+  void loadActiveRow_nolock(MibRow& agentRow, const TableRow& row);
   bool insertTdataRow_nolock(const std::vector<unsigned long>& indexes, MibRow& row);
   void eraseRow_nolock(std::map<RowIdx, MibRow>::iterator it);
   void notify(const char* reason, const RowIdx& indexes, int action, int column);

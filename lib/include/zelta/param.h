@@ -159,6 +159,9 @@ class ZELTA_EXPORT ParamGroup {
   // A file path of "__NO_NAME__" derives the path from the name: blanks
   // become "_" and ".txt" is appended.
   ParamGroup(const std::string& name, const std::string& filePath = "__NO_NAME__");
+  // A countdown still running for this group ends without saving (the
+  // group's parameters may be gone); a save in flight is waited for.
+  ~ParamGroup();
   // Copies name, path, parameter list and active flag; never the countdown.
   ParamGroup(const ParamGroup& other);
   // Copies name, path and parameter list; the active flag stays as it was.
@@ -192,6 +195,9 @@ class ZELTA_EXPORT ParamGroup {
 
  private:
   void workerCode();
+  // Sleeps one tick; false when the countdown is to end at once (the process
+  // exits, or the group goes away).
+  bool waitOneTick();
   bool writeFile(const std::string& text);
 
   std::string name;
@@ -200,6 +206,7 @@ class ZELTA_EXPORT ParamGroup {
   std::atomic<int> ticks{0};
   std::atomic<bool> workerRunning{false};
   std::atomic<bool> active{true};
+  std::atomic<bool> abandoned{false};  // set when the group goes away during a countdown
   bool atomicSave = false;
 };
 

@@ -88,13 +88,13 @@ class ZELTA_EXPORT IChangeListener {
 class ZELTA_EXPORT Variant {
  public:
   Variant();
-  Variant(int value);                    // NOLINT(google-explicit-constructor)
-  Variant(long value);                   // NOLINT: 32-bit semantics on every build
-  Variant(TimeTicksValue value);         // NOLINT
+  Variant(int value);                     // NOLINT(google-explicit-constructor)
+  Variant(long value);                    // NOLINT: 32-bit semantics on every build
+  Variant(TimeTicksValue value);          // NOLINT
   Variant(const unsigned char* logaddr);  // NOLINT: copies 8 bytes
-  Variant(const char* value);            // NOLINT
-  Variant(std::string value);            // NOLINT
-  Variant(const Table& value);           // NOLINT: deep copy
+  Variant(const char* value);             // NOLINT
+  Variant(std::string value);             // NOLINT
+  Variant(const Table& value);            // NOLINT: deep copy
   // Copies the value, never the listener.
   Variant(const Variant& other);
   ~Variant();
