@@ -2,6 +2,8 @@
 // some published over SNMP and some not. Loading must never crash or abort,
 // what it loaded must save, and the saved file must read back into the same
 // values: loading it into another fresh set and saving gives the same text.
+// On every line the reader's scanner must agree with regexec and the two
+// patterns it stands in for.
 #include <unistd.h>
 
 #include <cstdint>
@@ -12,6 +14,7 @@
 #include <sstream>
 #include <string>
 
+#include "../tests/scan_oracle.h"
 #include "zelta/logging.h"
 #include "zelta/parammanager.h"
 
@@ -117,6 +120,18 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (file == nullptr) abort();
   if (size > 0 && fwrite(data, 1, size, file) != size) abort();
   fclose(file);
+  static zelta_test::ScanOracle* oracle = new zelta_test::ScanOracle();
+  const std::string bytes(reinterpret_cast<const char*>(data), size);
+  for (size_t start = 0; start <= bytes.size();) {
+    size_t end = bytes.find('\n', start);
+    if (end == std::string::npos) end = bytes.size();
+    const std::string why = oracle->check(bytes.substr(start, end - start));
+    if (!why.empty()) {
+      fprintf(stderr, "groupfile_fuzz: scanner and regexec disagree: %s\n", why.c_str());
+      abort();
+    }
+    start = end + 1;
+  }
   const std::string first = loadAndSave(f.input(), f.first());
   const std::string second = loadAndSave(f.first(), f.second());
   if (first != second) {

@@ -11,8 +11,10 @@
 #include <ctime>
 #include <fstream>
 #include <iterator>
+#include <locale>
 #include <sstream>
 
+#include "filetext.h"
 #include "zelta/logging.h"
 
 namespace Quorvel::Kvan::Common {
@@ -70,8 +72,50 @@ bool isInteger(std::string& s) {
   return in.eof();
 }
 
+namespace {
+
+// White space as the classic locale's ctype sees it.
+bool isStreamSpace(char c) { return c == ' ' || (c >= '\t' && c <= '\r'); }
+
+// The shared part of both readers: skips white space, takes one sign and the
+// digits, and reports the magnitude (saturated just above 2^32-1).
+bool readMagnitude(const char* text, size_t length, bool& negative, uint64_t& magnitude) {
+  size_t i = 0;
+  while (i < length && isStreamSpace(text[i])) ++i;
+  negative = false;
+  if (i < length && (text[i] == '+' || text[i] == '-')) negative = text[i++] == '-';
+  magnitude = 0;
+  const size_t first = i;
+  for (; i < length && text[i] >= '0' && text[i] <= '9'; ++i) {
+    if (magnitude <= UINT32_MAX) magnitude = magnitude * 10 + static_cast<uint64_t>(text[i] - '0');
+  }
+  return i > first;
+}
+
+}  // namespace
+
+int32_t parseSigned32(const char* text, size_t length) {
+  bool negative = false;
+  uint64_t magnitude = 0;
+  if (!readMagnitude(text, length, negative, magnitude)) return 0;
+  if (negative) return magnitude >= uint64_t{1} << 31 ? INT32_MIN : -static_cast<int32_t>(magnitude);
+  return magnitude > INT32_MAX ? INT32_MAX : static_cast<int32_t>(magnitude);
+}
+
+uint32_t parseUnsigned32(const char* text, size_t length) {
+  bool negative = false;
+  uint64_t magnitude = 0;
+  if (!readMagnitude(text, length, negative, magnitude)) return 0;
+  if (magnitude > UINT32_MAX) return UINT32_MAX;
+  const uint32_t value = static_cast<uint32_t>(magnitude);
+  return negative ? 0u - value : value;
+}
+
+// The host may have made another locale the global one; streams then follow
+// its rules, and so do these.
 template <>
 int toNumber<int>(std::string s) {
+  if (std::locale() == std::locale::classic()) return parseSigned32(s.data(), s.size());
   std::istringstream in(s);
   int value = 0;
   in >> value;
@@ -84,27 +128,7 @@ int toNumber<int>(std::string s) {
 // a minus sign negates modulo 2^32 ("-1" gives 4294967295).
 template <>
 unsigned long toNumber<unsigned long>(std::string s) {
-  size_t i = 0;
-  while (i < s.size() && std::isspace(static_cast<unsigned char>(s[i]))) ++i;
-  bool negative = false;
-  if (i < s.size() && (s[i] == '+' || s[i] == '-')) {
-    negative = s[i] == '-';
-    ++i;
-  }
-  uint64_t magnitude = 0;
-  bool digits = false;
-  bool overflow = false;
-  for (; i < s.size() && s[i] >= '0' && s[i] <= '9'; ++i) {
-    digits = true;
-    if (!overflow) {
-      magnitude = magnitude * 10 + static_cast<uint64_t>(s[i] - '0');
-      if (magnitude > UINT32_MAX) overflow = true;
-    }
-  }
-  if (!digits) return 0;
-  if (overflow) return UINT32_MAX;
-  uint32_t value = static_cast<uint32_t>(magnitude);
-  return negative ? static_cast<uint32_t>(0u - value) : value;
+  return parseUnsigned32(s.data(), s.size());
 }
 
 bool fileExists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }

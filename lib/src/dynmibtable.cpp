@@ -8,13 +8,12 @@
 // COMMIT, so a refused binding leaves every row as it was.
 #include "snmpinternal.h"
 
-#include <arpa/inet.h>
-
 #include <algorithm>
 #include <cstring>
 
 #include "agentengine.h"
 #include "trace.h"
+#include "valuecodec.h"
 #include "zelta/common.h"
 #include "zelta/logging.h"
 #include "zelta/mibtypes.h"
@@ -59,93 +58,17 @@ struct PendingSet {
 
 void freePendingSet(void* data) { delete static_cast<PendingSet*>(data); }
 
-bool isPublishedType(ValueType type) {
-  return type == INTEGER || type == STRING || type == IPADDRESS || type == TIMETICKS || type == LOGADDRMAIN;
-}
-
-std::string dottedQuad(const std::string& fourBytes) {
-  if (fourBytes.size() != 4) return "0.0.0.0";
-  char text[INET_ADDRSTRLEN];
-  in_addr address{};
-  memcpy(&address.s_addr, fourBytes.data(), 4);
-  return inet_ntop(AF_INET, &address, text, sizeof text) != nullptr ? text : "0.0.0.0";
-}
-
-// The cell as the Variant a validator sees.
-Variant cellVariant(const MibCell& cell) {
-  switch (cell.type) {
-    case INTEGER:
-      return Variant(cell.num);
-    case TIMETICKS:
-      return Variant(TimeTicksValue{static_cast<uint32_t>(cell.num)});
-    case STRING:
-      return Variant(cell.bytes);
-    case IPADDRESS:
-      return Variant(dottedQuad(cell.bytes));
-    case LOGADDRMAIN: {
-      uint8_t address[8] = {0, 0, 0, 0, 0, 0, 0, 0};
-      if (cell.bytes.size() <= 8) Common::logaddrMainSet(address, cell.bytes);
-      return Variant(static_cast<const unsigned char*>(address));
-    }
-    default:
-      return Variant();
-  }
-}
-
-// Checks one SET value against a column's cell prototype and fills `out`.
+// Type, length and bounds of a SET value for a cell of `field`: 0 or the
+// error status; `out` then holds the value.
 int checkCellValue(const FieldType& field, const netsnmp_variable_list& vb, MibCell& out) {
-  switch (field.type) {
-    case INTEGER: {
-      if (vb.type != ASN_INTEGER || vb.val.integer == nullptr) return SNMP_ERR_WRONGTYPE;
-      long v = vbxToLong(vb);
-      // Bounds are signed 32-bit values stored in unsigned fields.
-      if (field.hasRange() && (v < static_cast<int32_t>(field.min) || v > static_cast<int32_t>(field.max)))
-        return SNMP_ERR_WRONGVALUE;
-      out.num = v;
-      break;
-    }
-    case TIMETICKS:
-      if (vb.type != ASN_TIMETICKS || vb.val.integer == nullptr) return SNMP_ERR_WRONGTYPE;
-      out.num = static_cast<long>(static_cast<uint32_t>(vbxToLong(vb)));
-      break;
-    case STRING:
-      if (vb.type != ASN_OCTET_STR || (vb.val.string == nullptr && vb.val_len > 0)) return SNMP_ERR_WRONGTYPE;
-      if (vb.val_len > internal::kMaxStringLen) return SNMP_ERR_WRONGLENGTH;
-      if (field.hasRange() && (vb.val_len < field.min || vb.val_len > field.max)) return SNMP_ERR_WRONGLENGTH;
-      out.bytes = vbxToString(vb);
-      break;
-    case IPADDRESS:
-      if (vb.type != ASN_IPADDRESS || vb.val.string == nullptr) return SNMP_ERR_WRONGTYPE;
-      if (vb.val_len != 4) return SNMP_ERR_WRONGLENGTH;
-      out.bytes.assign(reinterpret_cast<const char*>(vb.val.string), 4);
-      break;
-    case LOGADDRMAIN:
-      if (vb.type != ASN_OCTET_STR || (vb.val.string == nullptr && vb.val_len > 0)) return SNMP_ERR_WRONGTYPE;
-      if (vb.val_len != 8) return SNMP_ERR_WRONGLENGTH;
-      out.bytes.assign(reinterpret_cast<const char*>(vb.val.string), 8);
-      break;
-    default:
-      return SNMP_ERR_NOTWRITABLE;
-  }
+  const ValueCodec* codec = ValueCodec::of(field.type);
+  if (codec == nullptr) return SNMP_ERR_NOTWRITABLE;
+  const Bounds bounds(field.min, field.max);
+  const int status = codec->checkSet(vb, bounds, out);
+  if (status != SNMP_ERR_NOERROR) return status;
+  if (!codec->inRange(out, bounds)) return SNMP_ERR_WRONGVALUE;
   out.hasValue = true;
   return SNMP_ERR_NOERROR;
-}
-
-void answerCell(netsnmp_variable_list* vb, const MibCell& cell) {
-  switch (cell.type) {
-    case INTEGER:
-    case TIMETICKS: {
-      long v = cell.num;
-      snmp_set_var_typed_value(vb, cell.type == INTEGER ? ASN_INTEGER : ASN_TIMETICKS, &v, sizeof v);
-      break;
-    }
-    case IPADDRESS:
-      snmp_set_var_typed_value(vb, ASN_IPADDRESS, cell.bytes.data(), cell.bytes.size());
-      break;
-    default:
-      snmp_set_var_typed_value(vb, ASN_OCTET_STR, cell.bytes.data(), cell.bytes.size());
-      break;
-  }
 }
 
 }  // namespace
@@ -234,7 +157,7 @@ void DynMibTable::get_request(netsnmp_agent_request_info_s* reqinfo, netsnmp_req
       long status = it->second.rowStatus;
       snmp_set_var_typed_value(request->requestvb, ASN_INTEGER, &status, sizeof status);
     } else {
-      answerCell(request->requestvb, *cell);
+      ValueCodec::of(cell->type)->answer(request->requestvb, *cell);
     }
   }
 }
@@ -272,7 +195,7 @@ void DynMibTable::prepare_set_request(netsnmp_agent_request_info_s* reqinfo, net
       }
     } else {
       auto field = columns.find(column);
-      if (field == columns.end() || !isPublishedType(field->second.type)) {
+      if (field == columns.end() || ValueCodec::of(field->second.type) == nullptr) {
         status = SNMP_ERR_NOTWRITABLE;
       } else {
         MibCell cell;
@@ -353,7 +276,7 @@ void DynMibTable::validate_set_request(netsnmp_agent_request_info_s* reqinfo, vo
       } else if (field->validator) {
         // The ExtraInfo is the validator's to read only; it is freed here.
         ExtraInfo info(row.indexes, kCellSet, static_cast<int>(column));
-        if (!field->validator(cellVariant(c.cell), &info)) status = SNMP_ERR_COMMITFAILED;
+        if (!field->validator(ValueCodec::of(c.cell.type)->fromSnmp(c.cell), &info)) status = SNMP_ERR_COMMITFAILED;
       }
       if (status != SNMP_ERR_NOERROR) netsnmp_set_request_error(reqinfo, c.request, status);
     }
@@ -465,22 +388,15 @@ bool DynMibTable::makeLeaf(unsigned int column, const FieldType& field, MibCell&
   out = MibCell();
   out.column = column;
   out.type = field.type;
-  switch (field.type) {
-    case INTEGER:
-    case TIMETICKS:
-    case STRING:
-      out.hasValue = true;  // 0, 0 and "" are values
-      return true;
-    case IPADDRESS:
-      out.bytes.assign(4, '\0');  // reads as 0.0.0.0 until set
-      return true;
-    case LOGADDRMAIN:
-      out.bytes.assign(8, '\0');
-      return true;
-    default:
-      Log["libzelta"].append(ERROR, "DynMibTable: unhandled type %d\n", static_cast<int>(field.type));
-      return false;
+  const ValueCodec* codec = ValueCodec::of(field.type);
+  if (codec == nullptr) {
+    Log["libzelta"].append(ERROR, "DynMibTable: unhandled type %d\n", static_cast<int>(field.type));
+    return false;
   }
+  // Until set, an address reads as zeros and keeps its row from being ready.
+  codec->toSnmp(codec->defaultValue(), out);
+  out.hasValue = codec->hasCellDefault();
+  return true;
 }
 
 MibRow DynMibTable::newRow() const {
@@ -492,6 +408,10 @@ MibRow DynMibTable::newRow() const {
 // ---- Host operations
 
 bool DynMibTable::addRow(std::vector<unsigned long> indexes, std::map<unsigned int, Variant> row) {
+  return loadRow(indexes, row);
+}
+
+bool DynMibTable::loadRow(const RowIdx& indexes, const TableRow& row) {
   if (numIdx != -1 && static_cast<size_t>(numIdx) != indexes.size()) {
     Log["libzelta"].append(DEBUG, "DynMibTable: cannot add row, indexes must be %d and %d were provided!\n", numIdx,
                            static_cast<int>(indexes.size()));
@@ -507,7 +427,9 @@ bool DynMibTable::addRow(std::vector<unsigned long> indexes, std::map<unsigned i
       return false;
     }
   std::lock_guard lock(agentLock());
-  auto it = rows.find(indexes);
+  // Files list rows in index order: a row after the last one is appended
+  // without a search.
+  auto it = !rows.empty() && rows.rbegin()->first < indexes ? rows.end() : rows.find(indexes);
   if (it == rows.end()) it = insertRow_nolock(rows.end(), indexes);
   table->addOrUpdateRow(indexes);
   loadActiveRow_nolock(it->second, row);
@@ -540,33 +462,8 @@ std::map<RowIdx, MibRow>::iterator DynMibTable::insertRow_nolock(std::map<RowIdx
 void DynMibTable::loadActiveRow_nolock(MibRow& agentRow, const TableRow& row) {
   for (const auto& [column, cellValue] : row) {
     MibCell* cell = agentRow.cell(column);
-    if (cell == nullptr) continue;
-    VariantType kind = cellValue.getType();
-    switch (cell->type) {
-      case INTEGER:
-        if (kind == VariantType::LONG) cell->num = static_cast<int32_t>(cellValue.getLong());
-        break;
-      case TIMETICKS:
-        if (kind == VariantType::TIMETICKS) cell->num = static_cast<long>(cellValue.getTimeTicks().value);
-        if (kind == VariantType::LONG) cell->num = static_cast<long>(static_cast<uint32_t>(cellValue.getLong()));
-        break;
-      case STRING:
-        if (kind == VariantType::STRING) cell->bytes.assign(cellValue.getString(), 0, internal::kMaxStringLen);
-        break;
-      case IPADDRESS:
-        if (kind == VariantType::STRING) {
-          in_addr address{};
-          if (inet_pton(AF_INET, cellValue.getIPAddress().c_str(), &address) != 1) address.s_addr = 0;
-          cell->bytes.assign(reinterpret_cast<const char*>(&address.s_addr), 4);
-        }
-        break;
-      case LOGADDRMAIN:
-        if (kind == VariantType::LOGADDRMAIN)
-          cell->bytes.assign(reinterpret_cast<const char*>(cellValue.getLogaddrMain()), 8);
-        break;
-      default:
-        break;
-    }
+    // A cell of a kind the column does not take keeps its value.
+    if (cell != nullptr) ValueCodec::of(cell->type)->toSnmp(cellValue, *cell);
   }
   // A loaded row is active at once, defaults included, and nobody is told.
   for (MibCell& cell : agentRow.cells) cell.hasValue = true;
@@ -605,56 +502,32 @@ MibCell* DynMibTable::getCell(const std::vector<unsigned long>& indexes, const u
 
 bool DynMibTable::setCellValue(const std::vector<unsigned long>& indexes, const unsigned int& column,
                                const long& newValue) {
-  std::lock_guard lock(agentLock());
-  MibCell* cell = getCell(indexes, column);
-  if (cell == nullptr) return false;
-  if (cell->type == INTEGER) {
-    cell->num = static_cast<int32_t>(newValue);
-  } else if (cell->type == TIMETICKS) {
-    cell->num = static_cast<long>(static_cast<uint32_t>(newValue));
-  } else {
-    ZELTA_TRACE();
-    return false;
-  }
-  cell->hasValue = true;
-  return true;
+  return storeCell(indexes, column,
+                   [&](const ValueCodec& codec, Variant& out) { return codec.fromNumber(newValue, out); });
 }
 
 bool DynMibTable::setCellValue(const std::vector<unsigned long>& indexes, const unsigned int& column,
                                const std::string& newValue) {
+  return storeCell(indexes, column,
+                   [&](const ValueCodec& codec, Variant& out) { return codec.fromText(newValue, out); });
+}
+
+bool DynMibTable::storeCell(const RowIdx& indexes, unsigned int column,
+                            const std::function<bool(const ValueCodec&, Variant&)>& convert) {
   std::lock_guard lock(agentLock());
-  auto it = rows.find(indexes);
   MibCell* cell = getCell(indexes, column);
   if (cell == nullptr) return false;
-  switch (cell->type) {
-    case STRING:
-      cell->bytes.assign(newValue, 0, internal::kMaxStringLen);
-      break;
-    case IPADDRESS: {
-      in_addr address{};
-      if (inet_pton(AF_INET, newValue.c_str(), &address) != 1) {
-        ZELTA_TRACE();
-        return false;
-      }
-      cell->bytes.assign(reinterpret_cast<const char*>(&address.s_addr), 4);
-      break;
-    }
-    case LOGADDRMAIN: {
-      if (newValue.size() > 8) {
-        ZELTA_TRACE();
-        return false;
-      }
-      uint8_t address[8];
-      Common::logaddrMainSet(address, newValue);
-      cell->bytes.assign(reinterpret_cast<const char*>(address), 8);
-      break;
-    }
-    default:
-      ZELTA_TRACE();
-      return false;
+  const ValueCodec& codec = *ValueCodec::of(cell->type);
+  Variant converted;
+  // A value the cell cannot take (a number for a string column, a text that
+  // is no address) leaves it as it was.
+  if (!convert(codec, converted) || !codec.toSnmp(converted, *cell)) {
+    ZELTA_TRACE();
+    return false;
   }
   cell->hasValue = true;
-  if (it->second.rowStatus == kNotReady && it->second.isReady()) it->second.rowStatus = kNotInService;
+  MibRow& row = rows.find(indexes)->second;
+  if (row.rowStatus == kNotReady && row.isReady()) row.rowStatus = kNotInService;
   return true;
 }
 
@@ -767,22 +640,8 @@ void DynMibTable::row_delete(const RowIdx& indexes) {
 }
 
 bool DynMibTable::writeTableCell(const RowIdx& indexes, const MibCell& cell) {
-  switch (cell.type) {
-    case INTEGER:
-    case TIMETICKS:
-      return table->setCellValue(indexes, cell.column, cell.num);
-    case STRING:
-      return table->setCellValue(indexes, cell.column, cell.bytes);
-    case IPADDRESS:
-      return table->setCellValue(indexes, cell.column, dottedQuad(cell.bytes));
-    case LOGADDRMAIN: {
-      unsigned char address[8] = {0, 0, 0, 0, 0, 0, 0, 0};
-      memcpy(address, cell.bytes.data(), cell.bytes.size() < 8 ? cell.bytes.size() : 8);
-      return table->setCellValue(indexes, cell.column, address);
-    }
-    default:
-      return false;
-  }
+  const ValueCodec* codec = ValueCodec::of(cell.type);
+  return codec != nullptr && table->setCellValue(indexes, cell.column, codec->fromSnmp(cell));
 }
 
 // ---- Registration

@@ -1,11 +1,10 @@
 // The seven scalar leaves and their Net-SNMP handler.
 #include "snmpinternal.h"
 
-#include <arpa/inet.h>
-
 #include <cstring>
 
 #include "agentengine.h"
+#include "valuecodec.h"
 #include "zelta/common.h"
 #include "zelta/logging.h"
 #include "zelta/mibtypes.h"
@@ -34,10 +33,7 @@ int leafHandlerUnguarded(netsnmp_mib_handler* handler, netsnmp_agent_request_inf
           leaf->get_request(reqinfo, request);
         break;
       case MODE_SET_RESERVE1: {
-        // Writability is checked per request, so that setAccess takes effect
-        // on the next one.
-        int status = leaf->get_access() >= READWRITE ? leaf->check_syntax(vb) : SNMP_ERR_NOTWRITABLE;
-        if (status == SNMP_ERR_NOERROR && !leaf->value_ok(vb)) status = SNMP_ERR_WRONGVALUE;
+        int status = leaf->check_set(vb);
         if (status != SNMP_ERR_NOERROR) netsnmp_set_request_error(reqinfo, request, status);
         break;
       }
@@ -64,8 +60,15 @@ int leafHandler(netsnmp_mib_handler* handler, netsnmp_handler_registration* /*re
 
 // ---- MibLeaf
 
-MibLeaf::MibLeaf(SNMPInfo* info, Variant* boundValue, unsigned char leafSyntax, const char* reasonText)
-    : MibEntry(info->getOid(), info->getAccess()), value(boundValue), syntax(leafSyntax), reason(reasonText) {}
+MibLeaf::MibLeaf(SNMPInfo* info, Variant* boundValue, ValueType valueType, const char* reasonText)
+    : MibEntry(info->getOid(), info->getAccess()), value(boundValue), type(valueType), reason(reasonText) {}
+
+MibLeaf::MibLeaf(SNMPInfo* info, Variant* boundValue, ValueType valueType, const char* reasonText, long min, long max)
+    : MibLeaf(info, boundValue, valueType, reasonText) {
+  bounded = true;
+  boundMin = min;
+  boundMax = max;
+}
 
 MibLeaf::~MibLeaf() {
   if (isRegistered()) {
@@ -77,22 +80,41 @@ MibLeaf::~MibLeaf() {
 
 void MibLeaf::setAccess(mib_access mode) { storeAccess(mode); }
 
-void MibLeaf::refreshFromVariant() {
-  std::lock_guard lock(agentLock());
-  loadFrom(*value);
+namespace {
+
+// Type, length and a string's length bounds, then the validator, then an
+// integer's range: 0 or the status of the first check that fails.
+int checkValue(ValueType type, bool bounded, long min, long max, Variant& value, const ::variable_list& vb) {
+  const ValueCodec* codec = ValueCodec::of(type);
+  const Bounds bounds = bounded ? Bounds::of(static_cast<uint32_t>(min), static_cast<uint32_t>(max)) : Bounds();
+  SnmpValue checked;
+  const int status = codec->checkSet(vb, bounds, checked);
+  if (status != SNMP_ERR_NOERROR) return status;
+  // The validator sees out-of-range integers too.
+  const bool ok = value.callValidator(codec->fromSnmp(checked)) && codec->inRange(checked, bounds);
+  return ok ? SNMP_ERR_NOERROR : SNMP_ERR_WRONGVALUE;
 }
 
-int MibLeaf::check_syntax(const ::variable_list& vb) const {
-  if (vb.type != syntax || vb.val.integer == nullptr) return SNMP_ERR_WRONGTYPE;
-  if (vb.val_len != sizeof(long)) return SNMP_ERR_WRONGLENGTH;
-  return SNMP_ERR_NOERROR;
+}  // namespace
+
+int MibLeaf::check_set(const ::variable_list& vb) {
+  // Writability is checked per request, so that setAccess takes effect on
+  // the next one.
+  if (get_access() < READWRITE) return SNMP_ERR_NOTWRITABLE;
+  return checkValue(type, bounded, boundMin, boundMax, *value, vb);
+}
+
+bool MibLeaf::value_ok(const ::variable_list& vb) {
+  return checkValue(type, bounded, boundMin, boundMax, *value, vb) == SNMP_ERR_NOERROR;
 }
 
 int MibLeaf::set_value(const ::variable_list& vb) {
   // A leaf made read-only after the checks ignores the write.
   if (get_access() < READWRITE) return SNMP_ERR_NOERROR;
-  *value = toVariant(vb);
-  loadFrom(*value);
+  const ValueCodec* codec = ValueCodec::of(type);
+  SnmpValue checked;
+  if (codec->checkSet(vb, Bounds(), checked) != SNMP_ERR_NOERROR) return SNMP_ERR_WRONGTYPE;
+  *value = codec->fromSnmp(checked);
   value->notifyListener(reason, nullptr);
   return SNMP_ERR_NOERROR;
 }
@@ -102,11 +124,12 @@ bool MibLeaf::get_request(netsnmp_agent_request_info_s* reqinfo, netsnmp_request
     internal::setReadError(reqinfo, request, SNMP_ERR_RESOURCEUNAVAILABLE);
     return false;
   }
-  loadFrom(*value);
-  if (syntax == ASN_INTEGER || syntax == ASN_TIMETICKS)
-    snmp_set_var_typed_value(request->requestvb, syntax, &num, sizeof num);
-  else
-    snmp_set_var_typed_value(request->requestvb, syntax, bytes.data(), bytes.size());
+  const ValueCodec* codec = ValueCodec::of(type);
+  SnmpValue answer;
+  // A parameter whose value is of another kind than its type answers its
+  // type's default rather than aborting the agent.
+  if (!codec->toSnmp(*value, answer)) codec->toSnmp(codec->defaultValue(), answer);
+  codec->answer(request->requestvb, answer);
   return true;
 }
 
@@ -130,126 +153,34 @@ void MibLeaf::unregisterEntry() {
   registration = nullptr;
 }
 
-// ---- IntMibLeaf, MinMaxIntMibLeaf
+// ---- The seven leaves: a value type, its reason text and its bounds.
 
 IntMibLeaf::IntMibLeaf(SNMPInfo* info, Variant* boundValue)
-    : MibLeaf(info, boundValue, ASN_INTEGER, "set value on int leaf") {
-  loadFrom(*boundValue);
-}
+    : MibLeaf(info, boundValue, INTEGER, "set value on int leaf") {}
 
-bool IntMibLeaf::value_ok(const ::variable_list& vb) { return value->callValidator(toVariant(vb)); }
-
-Variant IntMibLeaf::toVariant(const ::variable_list& vb) const { return Variant(vbxToLong(vb)); }
-
-void IntMibLeaf::loadFrom(const Variant& v) { num = static_cast<long>(static_cast<int32_t>(v.getLong())); }
+IntMibLeaf::IntMibLeaf(SNMPInfo* info, Variant* boundValue, int min, int max)
+    : MibLeaf(info, boundValue, INTEGER, "set value on int leaf", min, max) {}
 
 MinMaxIntMibLeaf::MinMaxIntMibLeaf(SNMPInfo* info, Variant* boundValue, int minValue, int maxValue)
-    : IntMibLeaf(info, boundValue), min(minValue), max(maxValue) {}
-
-bool MinMaxIntMibLeaf::value_ok(const ::variable_list& vb) {
-  if (!IntMibLeaf::value_ok(vb)) return false;
-  long v = vbxToLong(vb);
-  return v >= min && v <= max;
-}
-
-// ---- TimeTicksMibLeaf
+    : IntMibLeaf(info, boundValue, minValue, maxValue) {}
 
 TimeTicksMibLeaf::TimeTicksMibLeaf(SNMPInfo* info, Variant* boundValue)
-    : MibLeaf(info, boundValue, ASN_TIMETICKS, "set value on timeticks leaf") {
-  loadFrom(*boundValue);
-}
-
-bool TimeTicksMibLeaf::value_ok(const ::variable_list& vb) { return value->callValidator(toVariant(vb)); }
-
-Variant TimeTicksMibLeaf::toVariant(const ::variable_list& vb) const {
-  return Variant(TimeTicksValue{static_cast<uint32_t>(vbxToLong(vb))});
-}
-
-void TimeTicksMibLeaf::loadFrom(const Variant& v) { num = static_cast<long>(v.getTimeTicks().value); }
-
-// ---- IPAddressMibLeaf
+    : MibLeaf(info, boundValue, TIMETICKS, "set value on timeticks leaf") {}
 
 IPAddressMibLeaf::IPAddressMibLeaf(SNMPInfo* info, Variant* boundValue)
-    : MibLeaf(info, boundValue, ASN_IPADDRESS, "set value on ip address leaf") {
-  loadFrom(*boundValue);
-}
-
-int IPAddressMibLeaf::check_syntax(const ::variable_list& vb) const {
-  if (vb.type != ASN_IPADDRESS || vb.val.string == nullptr) return SNMP_ERR_WRONGTYPE;
-  if (vb.val_len != 4) return SNMP_ERR_WRONGLENGTH;
-  return SNMP_ERR_NOERROR;
-}
-
-bool IPAddressMibLeaf::value_ok(const ::variable_list& vb) { return value->callValidator(toVariant(vb)); }
-
-Variant IPAddressMibLeaf::toVariant(const ::variable_list& vb) const { return Variant(vbxToString(vb)); }
-
-void IPAddressMibLeaf::loadFrom(const Variant& v) {
-  in_addr address{};
-  // A parameter holding no valid address reads as 0.0.0.0.
-  if (inet_pton(AF_INET, v.getIPAddress().c_str(), &address) != 1) address.s_addr = 0;
-  bytes.assign(reinterpret_cast<const char*>(&address.s_addr), 4);
-}
-
-// ---- StringMibLeaf, MinMaxStringMibLeaf
+    : MibLeaf(info, boundValue, IPADDRESS, "set value on ip address leaf") {}
 
 StringMibLeaf::StringMibLeaf(SNMPInfo* info, Variant* boundValue)
-    : MibLeaf(info, boundValue, ASN_OCTET_STR, "set value on string leaf") {
-  loadFrom(*boundValue);
-}
+    : MibLeaf(info, boundValue, STRING, "set value on string leaf") {}
 
-int StringMibLeaf::check_syntax(const ::variable_list& vb) const {
-  if (vb.type != ASN_OCTET_STR || (vb.val.string == nullptr && vb.val_len > 0)) return SNMP_ERR_WRONGTYPE;
-  // Longer values cannot be converted; refuse them rather than store "ERROR".
-  if (vb.val_len > internal::kMaxStringLen) return SNMP_ERR_WRONGLENGTH;
-  return SNMP_ERR_NOERROR;
-}
-
-bool StringMibLeaf::value_ok(const ::variable_list& vb) { return value->callValidator(toVariant(vb)); }
-
-Variant StringMibLeaf::toVariant(const ::variable_list& vb) const { return Variant(vbxToString(vb)); }
-
-void StringMibLeaf::loadFrom(const Variant& v) {
-  const std::string& text = v.getString();
-  // Answers must fit a response; the parameter itself keeps its full value.
-  bytes.assign(text, 0, text.size() < internal::kMaxStringLen ? text.size() : internal::kMaxStringLen);
-}
+StringMibLeaf::StringMibLeaf(SNMPInfo* info, Variant* boundValue, unsigned int min, unsigned int max)
+    : MibLeaf(info, boundValue, STRING, "set value on string leaf", min, max) {}
 
 MinMaxStringMibLeaf::MinMaxStringMibLeaf(SNMPInfo* info, Variant* boundValue, unsigned int minLength,
                                          unsigned int maxLength)
-    : StringMibLeaf(info, boundValue), min(minLength), max(maxLength) {}
-
-int MinMaxStringMibLeaf::check_syntax(const ::variable_list& vb) const {
-  int status = StringMibLeaf::check_syntax(vb);
-  if (status == SNMP_ERR_NOERROR && (vb.val_len < min || vb.val_len > max)) status = SNMP_ERR_WRONGLENGTH;
-  return status;
-}
-
-// ---- LogaddrmainMibLeaf
+    : StringMibLeaf(info, boundValue, minLength, maxLength) {}
 
 LogaddrmainMibLeaf::LogaddrmainMibLeaf(SNMPInfo* info, Variant* boundValue)
-    : MibLeaf(info, boundValue, ASN_OCTET_STR, "set value on logaddr_main_t leaf") {
-  loadFrom(*boundValue);
-}
-
-int LogaddrmainMibLeaf::check_syntax(const ::variable_list& vb) const {
-  if (vb.type != ASN_OCTET_STR || (vb.val.string == nullptr && vb.val_len > 0)) return SNMP_ERR_WRONGTYPE;
-  // Exactly 8 bytes, so that nothing longer ever reaches logaddrMainSet.
-  if (vb.val_len != 8) return SNMP_ERR_WRONGLENGTH;
-  return SNMP_ERR_NOERROR;
-}
-
-bool LogaddrmainMibLeaf::value_ok(const ::variable_list& vb) { return value->callValidator(toVariant(vb)); }
-
-Variant LogaddrmainMibLeaf::toVariant(const ::variable_list& vb) const {
-  uint8_t address[8] = {0, 0, 0, 0, 0, 0, 0, 0};
-  std::string text = vbxToString(vb);
-  if (text.size() <= 8) Common::logaddrMainSet(address, text);
-  return Variant(static_cast<const unsigned char*>(address));
-}
-
-void LogaddrmainMibLeaf::loadFrom(const Variant& v) {
-  bytes.assign(reinterpret_cast<const char*>(v.getLogaddrMain()), 8);
-}
+    : MibLeaf(info, boundValue, LOGADDRMAIN, "set value on logaddr_main_t leaf") {}
 
 }  // namespace Quorvel::Kvan::SNMP

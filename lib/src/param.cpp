@@ -3,8 +3,10 @@
 
 #include <memory>
 
+#include "groupfile.h"
 #include "liblock.h"
 #include "trace.h"
+#include "valuecodec.h"
 #include "zelta/logging.h"
 
 namespace Quorvel::Kvan {
@@ -33,29 +35,11 @@ void Param::fillValue(const Variant& initial) {
 }
 
 void Param::fillWithDefaultValue() {
-  static const unsigned char kZeroAddress[8] = {0, 0, 0, 0, 0, 0, 0, 0};
-  switch (type) {
-    case INTEGER:
-      value = Variant(0L);
-      break;
-    case STRING:
-      value = Variant("");
-      break;
-    case IPADDRESS:
-      value = Variant("0.0.0.0");
-      break;
-    case TIMETICKS:
-      value = Variant(TimeTicksValue{0});
-      break;
-    case LOGADDRMAIN:
-      value = Variant(kZeroAddress);
-      break;
-    case TABLE:
-      value = Variant(Table(nullptr));
-      break;
-    default:
-      break;  // no default: the value stays UNDEFINED
-  }
+  if (type == TABLE) {
+    value = Variant(Table(nullptr));
+  } else if (const ValueCodec* codec = ValueCodec::of(type)) {
+    value = codec->defaultValue();
+  }  // any other number: no default, the value stays UNDEFINED
   value.setListener(this);
 }
 
@@ -177,33 +161,24 @@ void Param::notifyAll(const std::string& reason, const ExtraInfo* info) {
 
 bool Param::setTableCellValue(const RowIdx& idx, const unsigned int& column, const Variant& v) {
   if (type != TABLE) return false;
+  const VariantType kind = v.getType();
+  if (kind != VariantType::LONG && kind != VariantType::TIMETICKS && kind != VariantType::STRING &&
+      kind != VariantType::LOGADDRMAIN) {
+    ZELTA_TRACE();
+    return false;
+  }
   LibraryLockGuard lock(libraryMutex());
-  Table* table = value.getMutableTable();
-  SNMP::DynMibTable* snmpTable = snmpEntryAs<SNMP::DynMibTable>();
   // The table's answer is deliberately not looked at: the SNMP side is
   // mirrored whatever the table accepted.
-  switch (v.getType()) {
-    case VariantType::LONG:
-      table->setCellValue(idx, column, v.getLong());
-      if (snmpTable != nullptr) snmpTable->setCellValue(idx, column, v.getLong());
-      break;
-    case VariantType::TIMETICKS: {
-      const long ticks = static_cast<long>(v.getTimeTicks().value);
-      table->setCellValue(idx, column, ticks);
-      if (snmpTable != nullptr) snmpTable->setCellValue(idx, column, ticks);
-      break;
-    }
-    case VariantType::STRING:
-      table->setCellValue(idx, column, v.getString());
-      if (snmpTable != nullptr) snmpTable->setCellValue(idx, column, v.getString());
-      break;
-    case VariantType::LOGADDRMAIN:
-      table->setCellValue(idx, column, v.getLogaddrMain());
-      if (snmpTable != nullptr) snmpTable->setCellValue(idx, column, Common::logaddrMainToString(v.getLogaddrMain()));
-      break;
-    default:
-      ZELTA_TRACE();
-      return false;
+  value.getMutableTable()->setCellValue(idx, column, v);
+  if (SNMP::DynMibTable* snmpTable = snmpEntryAs<SNMP::DynMibTable>()) {
+    if (kind == VariantType::STRING)
+      snmpTable->setCellValue(idx, column, v.getString());
+    else if (kind == VariantType::LOGADDRMAIN)
+      snmpTable->setCellValue(idx, column, Common::logaddrMainToString(v.getLogaddrMain()));
+    else
+      snmpTable->setCellValue(idx, column,
+                              kind == VariantType::LONG ? v.getLong() : static_cast<long>(v.getTimeTicks().value));
   }
   return true;
 }
@@ -226,6 +201,78 @@ bool Param::getTableCellValue(const RowIdx& idx, const unsigned int& column, Var
   }
   out = cell->second;
   return true;
+}
+
+bool Param::loadScalar(Variant&& loaded) {
+  libraryMutex().assertHeld();
+  // A value of another kind than the one held (a host that gave the
+  // constructor a value of another type) is refused, not asserted.
+  if (value.getType() != VariantType::UNDEFINED && value.getType() != loaded.getType()) return false;
+  value = std::move(loaded);
+  return true;
+}
+
+void Param::publishRow(const RowIdx& index, const TableRow& row) {
+  if (auto* snmpTable = snmpEntryAs<SNMP::DynMibTable>()) snmpTable->loadRow(index, row);
+}
+
+// ---- Group-file text
+
+void Param::save(FILE* file) {
+  const std::string text = toFileText();
+  if (!text.empty()) fputs(text.c_str(), file);
+}
+
+void Param::saveScalar(FILE* file) {
+  std::string text;
+  {
+    LibraryLockGuard lock(libraryMutex());
+    groupfile::appendScalarLine(text, name, type, value);
+  }
+  if (!text.empty()) fputs(text.c_str(), file);
+}
+
+void Param::saveTable(FILE* file) {
+  std::string text;
+  {
+    LibraryLockGuard lock(libraryMutex());
+    appendTableText(text);
+  }
+  if (!text.empty()) fputs(text.c_str(), file);
+}
+
+std::string Param::toFileText() {
+  std::string text;
+  appendFileText(text);
+  return text;
+}
+
+void Param::appendFileText(std::string& out) {
+  LibraryLockGuard lock(libraryMutex());
+  if (savePolicy == NEVER_SAVE) return;
+  if (type == TABLE)
+    appendTableText(out);
+  else
+    groupfile::appendScalarLine(out, name, type, value);
+}
+
+// REQUIRES: library lock held (the rows and the agent's row states are read).
+void Param::appendTableText(std::string& out) {
+  libraryMutex().assertHeld();
+  const Table& table = *value.getMutableTable();
+  // Rows an SNMP manager has not activated yet are not kept.
+  if (auto* snmpTable = snmpEntryAs<SNMP::DynMibTable>()) {
+    const std::vector<bool> active = snmpTable->activeRowFlags(table);
+    groupfile::appendTableLines(out, name, table, &active);
+  } else {
+    groupfile::appendTableLines(out, name, table, nullptr);
+  }
+}
+
+std::string Param::flattenTableRow(TableDef* def, TableRow& row) {
+  std::string out;
+  groupfile::appendRowTriplets(out, def, row);
+  return out;
 }
 
 bool Param::isSpecialColumn(TableDef* def, unsigned int column) {

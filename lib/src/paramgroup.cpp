@@ -180,7 +180,7 @@ bool ParamGroup::save() {
   {
     LibraryLockGuard lock(libraryMutex());
     for (Param* param : params) {
-      text += param->toFileText();
+      param->appendFileText(text);
       ++count;  // NEVER_SAVE parameters are counted too
     }
     snapshot = nextSnapshot_nolock();

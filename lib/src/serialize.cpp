@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "filetext.h"
 #include "trace.h"
 #include "zelta/common.h"
 #include "zelta/logging.h"
@@ -36,25 +37,32 @@ int hexValue(unsigned char c) {
 
 }  // namespace
 
-std::string serialize(const std::string& value) {
-  std::string out;
-  out.reserve(value.size());
-  for (unsigned char c : value) {
+void appendSerialized(std::string& out, std::string_view bytes) {
+  static const char kHex[] = "0123456789abcdef";
+  for (unsigned char c : bytes) {
     if (isSafe(c)) {
       out += static_cast<char>(c);
     } else if (c == '\\') {
       out += "\\\\";
     } else {
-      char escape[5];
-      snprintf(escape, sizeof(escape), "\\x%02x", c);
-      out += escape;
+      const char escape[4] = {'\\', 'x', kHex[c >> 4], kHex[c & 15]};
+      out.append(escape, 4);
     }
   }
+}
+
+std::string serialize(const std::string& value) {
+  std::string out;
+  appendSerialized(out, value);
   return out;
 }
 
-std::string deserialize(const std::string& quoted) {
-  Log["libzelta"].append(VERBOSE, "Common: input: [%s]\n", quoted.c_str());
+std::string deserialize(const std::string& quoted) { return deserialize(std::string_view(quoted)); }
+
+std::string deserialize(std::string_view quoted) {
+  LogChannel& channel = Log["libzelta"];
+  // The text is copied for the line only when the line is written.
+  if (channel.level >= VERBOSE) channel.append(VERBOSE, "Common: input: [%s]\n", std::string(quoted).c_str());
   const size_t n = quoted.size();
   if (n == 0) return "[error - len]";
   if (quoted[0] != '"') return "[error - start]";

@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "trace.h"
+#include "valuecodec.h"
 #include "zelta/logging.h"
 #include "zelta/tabledef.h"
 
@@ -31,8 +32,6 @@ void logNewRowId(const RowIdx& idx) {
   // Skip the flattening when the line would be dropped anyway.
   if (channel.level >= VERBOSE) channel.append(VERBOSE, "Table: new row id: %s\n", Common::flatten(idx).c_str());
 }
-
-const unsigned char kZeroLogaddr[8] = {0, 0, 0, 0, 0, 0, 0, 0};
 
 }  // namespace
 
@@ -120,34 +119,28 @@ bool Table::findRowWithMatch(const unsigned int& column, const Variant& value, T
 TableRow& Table::addRow(const RowIdx& idx) {
   TableRow& row = rows[idx];
   row.clear();
-  for (const auto& [column, field] : def->fields) {
-    switch (field.type) {
-      case INTEGER:
-        row.emplace(column, Variant(0));
-        break;
-      case STRING:
-        row.emplace(column, Variant(""));
-        break;
-      case IPADDRESS:
-        row.emplace(column, Variant("0.0.0.0"));
-        break;
-      case TIMETICKS:
-        row.emplace(column, Variant(TimeTicksValue{0}));
-        break;
-      case LOGADDRMAIN:
-        row.emplace(column, Variant(kZeroLogaddr));
-        break;
-      default:
-        // Nested tables and unknown types start without a cell.
-        break;
-    }
-  }
+  fillDefaults(row);
   return row;
 }
 
 TableRow& Table::addOrUpdateRow(const RowIdx& idx) {
-  auto it = rows.find(idx);
-  return it != rows.end() ? it->second : addRow(idx);
+  // Rows are mostly added in index order (files list them so): a row after
+  // the last one is appended without a search.
+  if (!rows.empty() && rows.rbegin()->first < idx) {
+    TableRow& row = rows.emplace_hint(rows.end(), idx, TableRow())->second;
+    fillDefaults(row);
+    return row;
+  }
+  auto [it, inserted] = rows.try_emplace(idx);
+  if (inserted) fillDefaults(it->second);
+  return it->second;
+}
+
+void Table::fillDefaults(TableRow& row) const {
+  // Nested tables and unknown types start without a cell.
+  for (const auto& [column, field] : def->fields)
+    if (const ValueCodec* codec = ValueCodec::of(field.type))
+      row.emplace_hint(row.end(), column, codec->defaultValue());
 }
 
 bool Table::setCellValue(const RowIdx& idx, const unsigned int& column, const std::string& value) {
@@ -183,6 +176,21 @@ bool Table::setCellValue(const RowIdx& idx, const unsigned int& column, const lo
   }
   Log["libzelta"].append(DEBUG, "Table: setCellValue<num>: %d\n", static_cast<int>(value));
   return true;
+}
+
+bool Table::setCellValue(const RowIdx& idx, const unsigned int& column, const Variant& value) {
+  switch (value.getType()) {
+    case VariantType::LONG:
+      return setCellValue(idx, column, value.getLong());
+    case VariantType::TIMETICKS:
+      return setCellValue(idx, column, static_cast<long>(value.getTimeTicks().value));
+    case VariantType::STRING:
+      return setCellValue(idx, column, value.getString());
+    case VariantType::LOGADDRMAIN:
+      return setCellValue(idx, column, value.getLogaddrMain());
+    default:
+      return false;
+  }
 }
 
 bool Table::deleteRow(const RowIdx& idx) {

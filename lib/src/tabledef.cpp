@@ -55,6 +55,30 @@ Variant::Variant(const Table& value) : Variant() {
 
 Variant::Variant(const Variant& other) : Variant() { *this = other; }
 
+Variant::Variant(Variant&& other) noexcept : Variant() {
+  std::memcpy(&val, &other.val, sizeof(val));
+  type = other.type;
+  std::memset(&other.val, 0, sizeof(other.val));
+  other.type = VariantType::UNDEFINED;
+}
+
+Variant& Variant::operator=(Variant&& other) {
+  ZELTA_ASSERT(type == VariantType::UNDEFINED || type == other.type,
+               "type == VariantType::UNDEFINED || type == other.type");
+  if (this == &other) return *this;
+  // `other` may live inside this Variant's payload (a cell of a table it
+  // holds): take its payload before freeing ours.
+  decltype(val) taken;
+  std::memcpy(&taken, &other.val, sizeof(taken));
+  const VariantType newType = other.type;
+  std::memset(&other.val, 0, sizeof(other.val));
+  other.type = VariantType::UNDEFINED;
+  deleteInternalStorage();
+  std::memcpy(&val, &taken, sizeof(val));
+  type = newType;
+  return *this;
+}
+
 Variant::~Variant() { deleteInternalStorage(); }
 
 Variant& Variant::operator=(const Variant& other) {

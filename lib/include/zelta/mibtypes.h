@@ -7,12 +7,11 @@
 // it stops. An SNMPInfo owns its entry, so an entry stays valid for the
 // parameter across agent restarts.
 //
-// Thread safety: the Net-SNMP handler steps (value_ok, set_value, get_request
-// and the table's steps) run on the agent thread with the agent lock held.
-// DynMibTable's public operations and the leaves' refreshFromVariant take
-// that lock themselves, so the loading thread may call them while the agent
-// runs. Bound Variants are not locked beyond that: whatever serialises the
-// parameter's value with the host's own threads is the parameter's business.
+// Thread safety: the Net-SNMP handler steps (check_set, set_value,
+// get_request and the table's steps) run on the agent thread with the agent
+// lock held. DynMibTable's public operations take that lock themselves, so
+// the loading thread may call them while the agent runs. Bound Variants are not locked beyond that: whatever serialises
+// the parameter's value with the host's own threads is the parameter's business.
 #ifndef ZELTA_MIBTYPES_H_
 #define ZELTA_MIBTYPES_H_
 
@@ -33,6 +32,10 @@ struct netsnmp_request_info_s;        // netsnmp_request_info
 struct netsnmp_handler_registration_s;
 struct netsnmp_tdata_s;
 struct netsnmp_table_registration_info_s;
+
+namespace Quorvel::Kvan {
+class ValueCodec;
+}
 
 namespace Quorvel::Kvan::SNMP {
 
@@ -134,25 +137,26 @@ ZELTA_EXPORT long vbxToLong(const ::variable_list& vb);
 // of up to 1023 bytes as it is; anything else is logged and read as "ERROR".
 ZELTA_EXPORT std::string vbxToString(const ::variable_list& vb);
 
-// Common part of the scalar leaves: one Net-SNMP instance handler at the
-// leaf's OID, bound to the parameter's Variant (not owned; it must outlive
-// the leaf). A GET runs the Variant's filler and answers with its value; a
-// SET is checked (syntax, length, validator, range), then at commit written
-// into the Variant and announced to its listener.
+// Common part of the scalar leaves, bound to the parameter's Variant (not
+// owned; it must outlive the leaf). A GET runs the Variant's filler and
+// answers with its value; a SET is checked (writable, type, length, the
+// validator, an integer's range, in this order), then at commit written into
+// the Variant and announced to its listener. The seven classes below differ
+// only in the value type and the bounds they check.
 class ZELTA_EXPORT MibLeaf : public MibEntry, public IAccessModeChangeable {
  public:
   ~MibLeaf() override;
 
   void setAccess(mib_access access) override;
-  // Copies the bound Variant's current value into the leaf's SNMP value.
-  void refreshFromVariant();
+  // The type of the parameter the leaf serves.
+  ValueType getType() const { return type; }
 
   // Handler steps, on the agent thread with the agent lock held.
-  // Syntax check of a SET value: 0, or wrongType / wrongLength.
-  virtual int check_syntax(const ::variable_list& vb) const;
-  // The parameter's verdict on a SET value (and the range, where the leaf
-  // has one).
-  virtual bool value_ok(const ::variable_list& vb) = 0;
+  // The checks of a SET value: 0, or the error status (notWritable,
+  // wrongType, wrongLength, wrongValue).
+  int check_set(const ::variable_list& vb);
+  // The parameter's verdict on a SET value, and an integer's range.
+  bool value_ok(const ::variable_list& vb);
   // Writes the value into the Variant and notifies its listener once.
   // Returns an SNMP error status (0 = done). A leaf that is not writable
   // ignores the write and returns 0.
@@ -160,38 +164,28 @@ class ZELTA_EXPORT MibLeaf : public MibEntry, public IAccessModeChangeable {
   // Runs the filler and answers the request; false when the filler refused.
   bool get_request(netsnmp_agent_request_info_s* reqinfo, netsnmp_request_info_s* request);
 
-  unsigned char getSyntax() const { return syntax; }
-  // The leaf's current SNMP value: integer leaves and TimeTicks in `num`,
-  // strings, logical addresses and IP addresses (4 bytes) in `bytes`.
-  long getNumber() const { return num; }
-  const std::string& getBytes() const { return bytes; }
-
  protected:
-  MibLeaf(SNMPInfo* info, Variant* value, unsigned char syntax, const char* reason);
-
-  // Converts a checked SET value to a Variant of the parameter's kind.
-  virtual Variant toVariant(const ::variable_list& vb) const = 0;
-  // Copies `v` (the parameter's kind) into num/bytes.
-  virtual void loadFrom(const Variant& v) = 0;
+  // Bounds: value bounds of an integer, length bounds of a string.
+  MibLeaf(SNMPInfo* info, Variant* value, ValueType type, const char* reason);
+  MibLeaf(SNMPInfo* info, Variant* value, ValueType type, const char* reason, long min, long max);
 
   bool registerEntry() override;
   void unregisterEntry() override;
 
   Variant* value;
-  unsigned char syntax;
+  ValueType type;
   const char* reason;
-  long num = 0;
-  std::string bytes;
+  bool bounded = false;
+  long boundMin = 0;
+  long boundMax = 0;
 };
 
 class ZELTA_EXPORT IntMibLeaf : public MibLeaf {
  public:
   IntMibLeaf(SNMPInfo* info, Variant* value);
-  bool value_ok(const ::variable_list& vb) override;
 
  protected:
-  Variant toVariant(const ::variable_list& vb) const override;
-  void loadFrom(const Variant& v) override;
+  IntMibLeaf(SNMPInfo* info, Variant* value, int min, int max);
 };
 
 // An integer leaf whose SET values must lie in min..max. The validator is
@@ -199,45 +193,26 @@ class ZELTA_EXPORT IntMibLeaf : public MibLeaf {
 class ZELTA_EXPORT MinMaxIntMibLeaf : public IntMibLeaf {
  public:
   MinMaxIntMibLeaf(SNMPInfo* info, Variant* value, int min, int max);
-  bool value_ok(const ::variable_list& vb) override;
-
- private:
-  int min;
-  int max;
 };
 
 class ZELTA_EXPORT TimeTicksMibLeaf : public MibLeaf {
  public:
   TimeTicksMibLeaf(SNMPInfo* info, Variant* value);
-  bool value_ok(const ::variable_list& vb) override;
-
- protected:
-  Variant toVariant(const ::variable_list& vb) const override;
-  void loadFrom(const Variant& v) override;
 };
 
 // An IpAddress leaf over a dotted-quad string parameter.
 class ZELTA_EXPORT IPAddressMibLeaf : public MibLeaf {
  public:
   IPAddressMibLeaf(SNMPInfo* info, Variant* value);
-  bool value_ok(const ::variable_list& vb) override;
-  int check_syntax(const ::variable_list& vb) const override;
-
- protected:
-  Variant toVariant(const ::variable_list& vb) const override;
-  void loadFrom(const Variant& v) override;
 };
 
 // An OCTET STRING leaf of up to 1023 bytes.
 class ZELTA_EXPORT StringMibLeaf : public MibLeaf {
  public:
   StringMibLeaf(SNMPInfo* info, Variant* value);
-  bool value_ok(const ::variable_list& vb) override;
-  int check_syntax(const ::variable_list& vb) const override;
 
  protected:
-  Variant toVariant(const ::variable_list& vb) const override;
-  void loadFrom(const Variant& v) override;
+  StringMibLeaf(SNMPInfo* info, Variant* value, unsigned int min, unsigned int max);
 };
 
 // A string leaf whose SET values must be min..max bytes long; the length is
@@ -245,23 +220,20 @@ class ZELTA_EXPORT StringMibLeaf : public MibLeaf {
 class ZELTA_EXPORT MinMaxStringMibLeaf : public StringMibLeaf {
  public:
   MinMaxStringMibLeaf(SNMPInfo* info, Variant* value, unsigned int min, unsigned int max);
-  int check_syntax(const ::variable_list& vb) const override;
-
- private:
-  unsigned int min;
-  unsigned int max;
 };
 
 // The device's logical address as an OCTET STRING of exactly 8 bytes.
 class ZELTA_EXPORT LogaddrmainMibLeaf : public MibLeaf {
  public:
   LogaddrmainMibLeaf(SNMPInfo* info, Variant* value);
-  bool value_ok(const ::variable_list& vb) override;
-  int check_syntax(const ::variable_list& vb) const override;
+};
 
- protected:
-  Variant toVariant(const ::variable_list& vb) const override;
-  void loadFrom(const Variant& v) override;
+// A value as SNMP carries it: INTEGER and TimeTicks in `num`; the bytes of an
+// OCTET STRING (a logical address: its 8 bytes) and the 4 bytes of an
+// IpAddress in `bytes`.
+struct SnmpValue {
+  long num = 0;
+  std::string bytes;
 };
 
 // The agent's copy of one table cell: its column, its type (the column's
@@ -269,12 +241,10 @@ class ZELTA_EXPORT LogaddrmainMibLeaf : public MibLeaf {
 // `num`; STRING and LOGADDRMAIN bytes and the 4 bytes of an IPADDRESS are in
 // `bytes`. IPADDRESS and LOGADDRMAIN cells of a row created over SNMP have no
 // value until one is set, and the row cannot be active before.
-struct ZELTA_EXPORT MibCell {
+struct ZELTA_EXPORT MibCell : SnmpValue {
   unsigned int column = 0;
   ValueType type = INTEGER;
   bool hasValue = false;
-  long num = 0;
-  std::string bytes;
 };
 
 // The agent's copy of one row: RowStatus (1 active, 2 notInService,
@@ -319,6 +289,9 @@ class ZELTA_EXPORT DynMibTable : public MibEntry, public IAccessModeChangeable {
   // is created with defaults if absent and otherwise left as it is. False,
   // and nothing changed, when the index has the wrong number of components.
   bool addRow(std::vector<unsigned long> indexes, std::map<unsigned int, Variant> row);
+  // addRow without copying the index and the cells: how the file reader
+  // hands over a loaded row.
+  bool loadRow(const RowIdx& indexes, const TableRow& row);
   // Makes the agent's rows exactly the Table's rows, each active with the
   // Table's cells, with no notice: what a silent write of a whole new table
   // needs. Rows whose index has the wrong number of components are left out.
@@ -406,6 +379,10 @@ class ZELTA_EXPORT DynMibTable : public MibEntry, public IAccessModeChangeable {
   void row_deactivated(const RowIdx& indexes, MibRow& row);
   void row_delete(const RowIdx& indexes);
   bool writeTableCell(const RowIdx& indexes, const MibCell& cell);
+  // Writes the agent's copy of one cell with the value `convert` makes for
+  // the cell's type; false when there is no such cell or no such value.
+  bool storeCell(const RowIdx& indexes, unsigned int column,
+                 const std::function<bool(const ValueCodec&, Variant&)>& convert);
 
   Variant* value;
   Table* table;

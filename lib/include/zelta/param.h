@@ -34,6 +34,9 @@
 namespace Quorvel::Kvan {
 
 class ParamGroup;
+namespace groupfile {
+class GroupFileReader;
+}
 
 // Whether changes of a parameter are written to its group's file.
 enum ParamSavePolicy : int {
@@ -120,13 +123,22 @@ class ZELTA_EXPORT Param : public IChangeListener {
   std::string flattenTableRow(TableDef* def, TableRow& row);
   // The lines save() would write, without the file.
   std::string toFileText();
+  // The same, appended to `out`.
+  void appendFileText(std::string& out);
 
  private:
+  friend class groupfile::GroupFileReader;
+
   void fillValue(const Variant& initial);
   void fillWithDefaultValue();
   void fillSnmpInfo();
-  std::string scalarText();
-  std::string tableText();
+  void appendTableText(std::string& out);
+  // A single value read from the group file: stored silently. False when it
+  // is of another kind than the value held. REQUIRES: library lock held.
+  bool loadScalar(Variant&& loaded);
+  // A table row the file reader has written into the Table: handed to the
+  // agent, active at once, with no notice.
+  void publishRow(const RowIdx& index, const TableRow& row);
 
   std::string name;
   std::function<bool(const Variant&, const ExtraInfo*)> validator;

@@ -53,14 +53,6 @@ class ZELTA_EXPORT ParamManager {
   void loadFromFile(std::string path);
 
  private:
-  std::string matchToString(const std::string& text, const regmatch_t& match);
-  bool splitKey(std::string key, std::string& stem, std::vector<unsigned long>& index);
-  bool splitTriplet(const std::string& text, unsigned int& next, unsigned int& column, ValueType& type,
-                    std::string& value);
-  bool setScalar(std::string& value, Param* param);
-  bool setTableRow(const std::vector<unsigned long>& index, std::string& value, Param* param);
-  void loadLine(const std::string& line, const regmatch_t* match);
-
   std::set<ParamGroup*> groups;
   std::unordered_map<std::string, Param*> params;
   regex_t cfgRe;

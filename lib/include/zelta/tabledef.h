@@ -97,11 +97,15 @@ class ZELTA_EXPORT Variant {
   Variant(const Table& value);            // NOLINT: deep copy
   // Copies the value, never the listener.
   Variant(const Variant& other);
+  // Takes the value, never the listener; `other` is left UNDEFINED.
+  Variant(Variant&& other) noexcept;
   ~Variant();
 
   // Same kind (or an UNDEFINED target) only; the listener stays as it was and
   // nobody is notified.
   Variant& operator=(const Variant& other);
+  // The same, taking the value of `other`, which is left UNDEFINED.
+  Variant& operator=(Variant&& other);
   // Same kind only. Integers, time ticks and addresses compare by value;
   // strings and tables by identity; two UNDEFINED values are never equal.
   bool operator==(const Variant& other) const;
@@ -213,6 +217,9 @@ class ZELTA_EXPORT Table {
   bool setCellValue(const RowIdx& idx, const unsigned int& column, const std::string& value);
   bool setCellValue(const RowIdx& idx, const unsigned int& column, const unsigned char (&value)[8]);
   bool setCellValue(const RowIdx& idx, const unsigned int& column, const long& value);
+  // One of the three above, chosen by the kind of `value` (a TimeTicks count
+  // goes as a number); false for a kind no cell holds.
+  bool setCellValue(const RowIdx& idx, const unsigned int& column, const Variant& value);
   bool deleteRow(const RowIdx& idx);
   // Calls `fn` on every row in ascending index order.
   void forEachRow(const std::function<void(const RowIdx&, TableRow&)>&& fn);
@@ -229,6 +236,8 @@ class ZELTA_EXPORT Table {
   uint32_t activeRowsReadOnly;
 
  private:
+  void fillDefaults(TableRow& row) const;
+
   TableDef* def;
   std::map<RowIdx, TableRow> rows;
 };
