@@ -1,6 +1,8 @@
 // SNMPAgent: the agent thread around the Net-SNMP engine.
 #include "zelta/snmpagent.h"
 
+#include <functional>
+
 #include "agentengine.h"
 #include "liblock.h"
 #include "zelta/logging.h"
@@ -90,21 +92,11 @@ bool SNMPAgent::initializeAgent() {
   return true;
 }
 
-// The published objects: every parameter with SNMP information and an access
-// mode other than none, then the entries added directly.
-void SNMPAgent::initMib() {
-  entries.clear();
-  readOnlyCount = 0;
-  readWriteCount = 0;
+void SNMPAgent::forEachPublished(const std::function<void(const std::string&, MibEntry*, mib_access)>& visit) const {
+  // A parameter's access as its SNMPInfo gives it decides, whatever its
+  // object was set to since.
   auto publish = [&](const std::string& key, MibEntry* entry, mib_access access) {
-    if (entry == nullptr || access == NOACCESS) return;
-    entry->key = key;
-    entries.emplace_back(key, entry);
-    if (access == READONLY) {
-      ++readOnlyCount;
-    } else {
-      ++readWriteCount;
-    }
+    if (entry != nullptr && access != NOACCESS) visit(key, entry, access);
   };
   if (manager != nullptr) {
     for (auto& [key, param] : manager->getParams()) {
@@ -114,6 +106,28 @@ void SNMPAgent::initMib() {
     }
   }
   for (auto& [key, entry] : extraEntries) publish(key, entry, entry->get_access());
+}
+
+std::vector<std::pair<std::string, MibEntry*>> SNMPAgent::publishedEntries() const {
+  std::vector<std::pair<std::string, MibEntry*>> published;
+  forEachPublished([&](const std::string& key, MibEntry* entry, mib_access) { published.emplace_back(key, entry); });
+  return published;
+}
+
+// The published objects, counted by access.
+void SNMPAgent::initMib() {
+  entries.clear();
+  readOnlyCount = 0;
+  readWriteCount = 0;
+  forEachPublished([&](const std::string& key, MibEntry* entry, mib_access access) {
+    entry->key = key;
+    entries.emplace_back(key, entry);
+    if (access == READONLY) {
+      ++readOnlyCount;
+    } else {
+      ++readWriteCount;
+    }
+  });
 }
 
 }  // namespace Quorvel::Kvan::SNMP

@@ -150,6 +150,13 @@ class ZELTA_EXPORT MibLeaf : public MibEntry, public IAccessModeChangeable {
   void setAccess(mib_access access) override;
   // The type of the parameter the leaf serves.
   ValueType getType() const { return type; }
+  // The bounds SET values are checked against: values of an integer,
+  // lengths of a string. False when the leaf has none.
+  bool getBounds(long& min, long& max) const {
+    min = boundMin;
+    max = boundMax;
+    return bounded;
+  }
 
   // Handler steps, on the agent thread with the agent lock held.
   // The checks of a SET value: 0, or the error status (notWritable,
@@ -283,6 +290,9 @@ class ZELTA_EXPORT DynMibTable : public MibEntry, public IAccessModeChangeable {
   ~DynMibTable() override;
 
   void setAccess(mib_access access) override;
+  // The table's shape (index columns, RowStatus column, value columns), or
+  // null for a table without definition.
+  const TableDef* getDefinition() const { return definition; }
 
   // Adds (or updates) a row as loaded from a file: the agent's copy takes the
   // given cells and the row is active at once, with no notice. The Table row

@@ -15,6 +15,7 @@
 #define ZELTA_SNMPAGENT_H_
 
 #include <atomic>
+#include <functional>
 #include <memory>
 #include <string>
 #include <thread>
@@ -74,12 +75,17 @@ class ZELTA_EXPORT SNMPAgent {
   // Publishes one more object with the next start, besides the manager's
   // parameters. The SNMPInfo keeps owning the entry.
   void addEntry(const std::string& key, MibEntry* entry);
+  // What the next start publishes, (key, object): every parameter of the
+  // manager with SNMP information and an access other than NOACCESS, in the
+  // registry's order, then the entries added with addEntry().
+  std::vector<std::pair<std::string, MibEntry*>> publishedEntries() const;
   const std::vector<std::pair<std::string, const MibEntry*>>& getEntries() const { return entries; }
 
  private:
   void handleRequests();
   bool initializeAgent();
   void initMib();
+  void forEachPublished(const std::function<void(const std::string&, MibEntry*, mib_access)>& visit) const;
 
   Options options;
   std::atomic<bool> running{false};
