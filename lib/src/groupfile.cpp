@@ -4,7 +4,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <charconv>
+#include <cstdint>
 #include <cstring>
 
 #include "filetext.h"
@@ -18,16 +20,38 @@ namespace Quorvel::Kvan::groupfile {
 
 namespace {
 
-// The classes of the patterns for bytes below 0x80, in every locale.
-bool isSpace(unsigned char c) { return c == ' ' || (c >= '\t' && c <= '\r'); }
-bool isDigit(unsigned char c) { return c >= '0' && c <= '9'; }
-bool isAlnum(unsigned char c) { return isDigit(c) || ((c | 0x20) >= 'a' && (c | 0x20) <= 'z'); }
+// The classes of the patterns for bytes below 0x80, the same in every
+// locale, as bits of one table entry per byte.
+enum : uint8_t { kSpace = 1, kDigit = 2, kAlnum = 4, kKey = 8 /* alnum or '.' */ };
 
-// The text regexec sees (up to the first NUL), or 0 with `askRegex` set when
-// it holds a byte the classes depend on the locale for, or a line end.
-size_t judgeable(const char* text, size_t length, bool& askRegex) {
+struct CharClasses {
+  uint8_t bits[256] = {};
+  constexpr CharClasses() {
+    for (int c : {' ', '\t', '\n', '\v', '\f', '\r'}) bits[c] = kSpace;
+    for (int c = '0'; c <= '9'; ++c) bits[c] = kDigit | kAlnum | kKey;
+    for (int c = 'a'; c <= 'z'; ++c) bits[c] = bits[c - 'a' + 'A'] = kAlnum | kKey;
+    bits['.'] = kKey;
+  }
+};
+
+constexpr CharClasses kClasses;
+
+bool is(unsigned char c, uint8_t cls) { return (kClasses.bits[c] & cls) != 0; }
+
+// The length regexec sees (up to the first NUL). `askRegex` is set when the
+// text holds a byte the classes depend on the locale for, or a line end.
+size_t judge(const char* text, size_t length, bool& askRegex) {
   askRegex = false;
-  for (size_t i = 0; i < length; ++i) {
+  size_t i = 0;
+  // Eight bytes at a time while none is high, NUL or a line end.
+  const uint64_t ones = 0x0101010101010101ull, highs = 0x8080808080808080ull;
+  for (; i + 8 <= length; i += 8) {
+    uint64_t w;
+    memcpy(&w, text + i, 8);
+    const uint64_t newlines = w ^ (ones * '\n');
+    if (((w | ((w - ones) & ~w) | ((newlines - ones) & ~newlines)) & highs) != 0) break;
+  }
+  for (; i < length; ++i) {
     const unsigned char c = static_cast<unsigned char>(text[i]);
     if (c == 0) return i;
     if (c >= 0x80 || c == '\n') {
@@ -36,6 +60,13 @@ size_t judgeable(const char* text, size_t length, bool& askRegex) {
     }
   }
   return length;
+}
+
+// The value of a run of decimal digits, saturated at `limit`.
+uint32_t digitsValue(const char* digit, const char* end, uint32_t limit) {
+  uint64_t value = 0;
+  for (; digit < end && value <= limit; ++digit) value = value * 10 + static_cast<uint64_t>(*digit - '0');
+  return value > limit ? limit : static_cast<uint32_t>(value);
 }
 
 void setSlot(regmatch_t& slot, size_t start, size_t end) {
@@ -53,6 +84,11 @@ std::string_view slotText(const char* text, const regmatch_t& slot) {
 // A row's cell takes the loaded value; a cell of another kind (put there by
 // the host) is replaced rather than reaching the Variant's assertion.
 void storeCell(TableRow& row, unsigned int column, Variant&& value) {
+  // Lines list cells in column order: a new row's cells go to its end.
+  if (row.empty() || row.rbegin()->first < column) {
+    row.emplace_hint(row.end(), column, std::move(value));
+    return;
+  }
   auto [it, inserted] = row.try_emplace(column, std::move(value));
   if (inserted) return;
   if (it->second.getType() != value.getType()) it->second.deleteInternalStorage();
@@ -94,29 +130,31 @@ const char kTripletPattern[] = "^[[:space:]]*([[:digit:]]+):([[:digit:]]+):([^[:
 
 Scan scanLine(const char* text, size_t length, regmatch_t (&match)[4]) {
   bool askRegex = false;
-  const size_t n = judgeable(text, length, askRegex);
-  if (askRegex) return Scan::kAskRegex;
-  const auto at = [&](size_t i) { return static_cast<unsigned char>(text[i]); };
+  const size_t n = judge(text, length, askRegex);
+  return askRegex ? Scan::kAskRegex : scanJudgedLine(reinterpret_cast<const unsigned char*>(text), n, match);
+}
+
+Scan scanJudgedLine(const unsigned char* t, size_t n, regmatch_t (&match)[4]) {
   size_t i = 0;
-  while (i < n && isSpace(at(i))) ++i;
+  while (i < n && is(t[i], kSpace)) ++i;
   const size_t keyStart = i;
   bool dotAfterLastLetter = false;
-  for (; i < n && (isAlnum(at(i)) || at(i) == '.'); ++i) {
-    if (at(i) == '.')
+  for (; i < n && is(t[i], kKey); ++i) {
+    if (t[i] == '.')
       dotAfterLastLetter = true;
-    else if (!isDigit(at(i)))
+    else if (!is(t[i], kDigit))
       dotAfterLastLetter = false;
   }
   const size_t keyEnd = i;
   if (!dotAfterLastLetter) return Scan::kNoMatch;
-  while (i < n && isSpace(at(i))) ++i;
-  if (i >= n || at(i) != '=') return Scan::kNoMatch;
+  while (i < n && is(t[i], kSpace)) ++i;
+  if (i >= n || t[i] != '=') return Scan::kNoMatch;
   ++i;
-  while (i < n && isSpace(at(i))) ++i;
-  if (i >= n || at(i) == '=') return Scan::kNoMatch;
+  while (i < n && is(t[i], kSpace)) ++i;
+  if (i >= n || t[i] == '=') return Scan::kNoMatch;
   const size_t valueStart = i;
   size_t valueEnd = n;
-  while (isSpace(at(valueEnd - 1))) --valueEnd;  // stops at valueStart at the latest
+  while (is(t[valueEnd - 1], kSpace)) --valueEnd;  // stops at valueStart at the latest
   setSlot(match[0], 0, n);
   setSlot(match[1], keyStart, keyEnd);
   setSlot(match[2], valueStart, valueEnd);
@@ -134,28 +172,29 @@ Scan scanLine(const char* text, size_t length, regmatch_t (&match)[4]) {
 
 Scan scanTriplet(const char* text, size_t length, regmatch_t (&match)[4]) {
   bool askRegex = false;
-  const size_t n = judgeable(text, length, askRegex);
-  if (askRegex) return Scan::kAskRegex;
-  const auto at = [&](size_t i) { return static_cast<unsigned char>(text[i]); };
+  const size_t n = judge(text, length, askRegex);
+  return askRegex ? Scan::kAskRegex : scanJudgedTriplet(reinterpret_cast<const unsigned char*>(text), n, match);
+}
+
+Scan scanJudgedTriplet(const unsigned char* t, size_t n, regmatch_t (&match)[4]) {
   size_t i = 0;
-  while (i < n && isSpace(at(i))) ++i;
+  while (i < n && is(t[i], kSpace)) ++i;
   size_t bounds[2][2];
   for (auto& number : bounds) {
     number[0] = i;
-    while (i < n && isDigit(at(i))) ++i;
+    while (i < n && is(t[i], kDigit)) ++i;
     number[1] = i;
-    if (i == number[0] || i >= n || at(i) != ':') return Scan::kNoMatch;
+    if (i == number[0] || i >= n || t[i] != ':') return Scan::kNoMatch;
     ++i;
   }
   const size_t valueStart = i;
-  if (i >= n || isSpace(at(i))) return Scan::kNoMatch;
-  if (at(i) == '"') {
-    ++i;
-    while (i < n && at(i) != '"') ++i;
-    if (i >= n) return Scan::kNoMatch;
-    ++i;
+  if (i >= n || is(t[i], kSpace)) return Scan::kNoMatch;
+  if (t[i] == '"') {
+    const void* quote = memchr(t + i + 1, '"', n - i - 1);
+    if (quote == nullptr) return Scan::kNoMatch;
+    i = static_cast<size_t>(static_cast<const unsigned char*>(quote) - t) + 1;
   } else {
-    while (i < n && !isSpace(at(i)) && at(i) != '"') ++i;
+    while (i < n && !is(t[i], kSpace) && t[i] != '"') ++i;
   }
   setSlot(match[0], 0, n);
   setSlot(match[1], bounds[0][0], bounds[0][1]);
@@ -170,11 +209,22 @@ GroupFileReader::GroupFileReader(const regex_t& line, const regex_t& triplet,
                                  const std::unordered_map<std::string, Param*>& registry)
     : linePattern(line), tripletPattern(triplet), params(registry), log(Log["libzelta"]) {}
 
-bool GroupFileReader::match(const regex_t& pattern, bool line, const char* text, size_t length, regmatch_t (&m)[4]) {
-  const Scan scan = line ? scanLine(text, length, m) : scanTriplet(text, length, m);
-  if (scan != Scan::kAskRegex) return scan == Scan::kMatch;
+bool GroupFileReader::matchLine(const char* text, size_t length, regmatch_t (&m)[4]) {
+  bool askRegex = false;
+  const size_t n = judge(text, length, askRegex);
+  lineJudged = !askRegex;
+  if (lineJudged) return scanJudgedLine(reinterpret_cast<const unsigned char*>(text), n, m) == Scan::kMatch;
   copy.assign(text, length);
-  return regexec(&pattern, copy.c_str(), 4, m, 0) == 0;
+  return regexec(&linePattern, copy.c_str(), 4, m, 0) == 0;
+}
+
+bool GroupFileReader::matchTriplet(std::string_view text, regmatch_t (&m)[4]) {
+  // A part of a judged line needs no judging of its own.
+  const Scan scan = lineJudged ? scanJudgedTriplet(reinterpret_cast<const unsigned char*>(text.data()), text.size(), m)
+                               : scanTriplet(text.data(), text.size(), m);
+  if (scan != Scan::kAskRegex) return scan == Scan::kMatch;
+  copy.assign(text);
+  return regexec(&tripletPattern, copy.c_str(), 4, m, 0) == 0;
 }
 
 void GroupFileReader::load(const std::string& path) {
@@ -185,8 +235,10 @@ void GroupFileReader::load(const std::string& path) {
     return;
   }
   // Lines are taken from the buffer where they lie; only a line cut by the
-  // end of a read is put together in `pending`.
-  std::vector<char> buffer(64 * 1024);
+  // end of a read is put together in `pending`. The lines of one read are
+  // applied under the library lock: the agent and the host's threads see
+  // each line's values whole, and wait a fraction of a millisecond at most.
+  std::vector<char> buffer(16 * 1024);
   std::string pending;
   bool reading = true;
   while (reading) {
@@ -195,6 +247,7 @@ void GroupFileReader::load(const std::string& path) {
     if (got <= 0) break;
     const char* start = buffer.data();
     const char* end = start + got;
+    LibraryLockGuard lock(libraryMutex());
     for (const char* newline; reading && (newline = static_cast<const char*>(memchr(start, '\n', end - start)));
          start = newline + 1) {
       if (pending.empty()) {
@@ -208,16 +261,18 @@ void GroupFileReader::load(const std::string& path) {
     if (reading) pending.append(start, end);
   }
   // A last line without a line end counts too.
-  if (reading && !pending.empty()) applyLine(pending.data(), pending.size());
+  if (reading && !pending.empty()) {
+    LibraryLockGuard lock(libraryMutex());
+    applyLine(pending.data(), pending.size());
+  }
   close(fd);
 }
 
+// REQUIRES: library lock held (values and tables are written in place).
 bool GroupFileReader::applyLine(const char* text, size_t length) {
-  // One line at a time under the library lock: the agent and the host's
-  // threads see each line's values whole and are never held up for a file.
-  LibraryLockGuard lock(libraryMutex());
+  libraryMutex().assertHeld();
   regmatch_t m[4];
-  if (!match(linePattern, true, text, length, m)) return true;
+  if (!matchLine(text, length, m)) return true;
   if (linePattern.re_nsub < 2) {
     ZELTA_TRACE();
     return false;
@@ -228,13 +283,19 @@ bool GroupFileReader::applyLine(const char* text, size_t length) {
     log.append(WARNING, "ParamManager: - skip invalid key '%s'\n", std::string(key).c_str());
     return true;
   }
-  auto it = params.find(stem);
-  if (it == params.end()) {
-    // Files may hold parameters the program no longer defines.
-    ZELTA_TRACE();
-    return true;
+  // The lines of a table come one after the other: its parameter is looked
+  // up once.
+  if (lastParam == nullptr || stemView != stem) {
+    stem.assign(stemView);
+    auto it = params.find(stem);
+    lastParam = it == params.end() ? nullptr : it->second;
+    if (lastParam == nullptr) {
+      // Files may hold parameters the program no longer defines.
+      ZELTA_TRACE();
+      return true;
+    }
   }
-  Param* param = it->second;
+  Param* param = lastParam;
   log.append(VERBOSE, "ParamManager: - stem %s, type: [%d]\n", stem.c_str(), static_cast<int>(param->getType()));
   if (param->getType() == TABLE) {
     if (!setTableRow(value, param)) log.append(WARNING, "ParamManager: - cannot read table row '%s'!\n", stem.c_str());
@@ -251,7 +312,7 @@ bool GroupFileReader::splitKey(std::string_view key) {
   index.clear();
   size_t dot = key.find('.');
   if (dot == std::string_view::npos || dot + 1 == key.size()) return false;
-  stem.assign(key.data(), dot);
+  stemView = key.substr(0, dot);
   while (dot != std::string_view::npos && dot + 1 < key.size()) {
     const size_t start = dot + 1;
     dot = key.find('.', start);
@@ -264,10 +325,11 @@ bool GroupFileReader::splitKey(std::string_view key) {
 bool GroupFileReader::splitTriplet(std::string_view text, size_t& next, unsigned int& column, int& type,
                                    std::string_view& value) {
   regmatch_t m[4];
-  if (!match(tripletPattern, false, text.data(), text.size(), m) || tripletPattern.re_nsub != 3) return false;
-  // The column as `stream >> unsigned int` reads its digits: saturated.
-  column = Common::parseUnsigned32(text.data() + m[1].rm_so, static_cast<size_t>(m[1].rm_eo - m[1].rm_so));
-  type = Common::parseSigned32(text.data() + m[2].rm_so, static_cast<size_t>(m[2].rm_eo - m[2].rm_so));
+  if (!matchTriplet(text, m) || tripletPattern.re_nsub != 3) return false;
+  // Column and type are digits only; read as `stream >> unsigned int` and
+  // `toNumber<int>` read them, they saturate.
+  column = digitsValue(text.data() + m[1].rm_so, text.data() + m[1].rm_eo, UINT32_MAX);
+  type = static_cast<int>(digitsValue(text.data() + m[2].rm_so, text.data() + m[2].rm_eo, INT32_MAX));
   value = slotText(text.data(), m[3]);
   // The triplet and the one blank after it are consumed.
   next = static_cast<size_t>(m[3].rm_eo) + 1;
@@ -295,8 +357,8 @@ bool GroupFileReader::setScalar(std::string_view value, Param* param) {
     ZELTA_TRACE();
     return true;
   }
-  Variant loaded;
-  return codec->parseFileValue(text, false, loaded) && param->loadScalar(std::move(loaded));
+  Variant loaded = codec->parseFileValue(text, false);
+  return loaded.getType() != VariantType::UNDEFINED && param->loadScalar(std::move(loaded));
 }
 
 bool GroupFileReader::setTableRow(std::string_view value, Param* param) {
@@ -305,7 +367,19 @@ bool GroupFileReader::setTableRow(std::string_view value, Param* param) {
   // A table without definition has no typed columns, and an index of the
   // wrong length would break the row arithmetic of the table.
   if (def == nullptr || (def->numIdx >= 0 && index.size() != static_cast<size_t>(def->numIdx))) return false;
-  TableRow& row = table->addOrUpdateRow(index);
+  bool created = false;
+  TableRow& row = table->openRow(index, created);
+  // A new row gets the defaults of the cells the line leaves out, whatever
+  // comes of the line: what addOrUpdateRow would have given it, without
+  // making defaults that the line then replaces.
+  struct Completion {
+    Table* table;
+    TableRow& row;
+    bool created;
+    ~Completion() {
+      if (created) table->completeRow(row);
+    }
+  } completion{table, row, created};
   size_t next = 0;
   unsigned int column = 0;
   int type = 0;
@@ -328,14 +402,16 @@ bool GroupFileReader::setTableRow(std::string_view value, Param* param) {
       if (codec == nullptr) {
         ZELTA_TRACE();
       } else {
-        Variant cell;
-        if (!codec->parseFileValue(text, true, cell)) return false;
+        Variant cell = codec->parseFileValue(text, true);
+        if (cell.getType() == VariantType::UNDEFINED) return false;
         storeCell(row, column, std::move(cell));
       }
     }
     if (next >= value.size()) break;
     value.remove_prefix(next);
   }
+  if (completion.created) table->completeRow(row);
+  completion.created = false;
   param->publishRow(index, row);
   return true;
 }

@@ -54,6 +54,10 @@ enum class Scan {
 ZELTA_EXPORT Scan scanLine(const char* text, size_t length, regmatch_t (&match)[4]);
 // As regexec with the triplet pattern (4 match slots).
 ZELTA_EXPORT Scan scanTriplet(const char* text, size_t length, regmatch_t (&match)[4]);
+// The same on a text already judged: no NUL, no line end and no byte of 0x80
+// or above in its `length` bytes.
+Scan scanJudgedLine(const unsigned char* text, size_t length, regmatch_t (&match)[4]);
+Scan scanJudgedTriplet(const unsigned char* text, size_t length, regmatch_t (&match)[4]);
 
 // Reads group files into the parameters of a registry.
 class GroupFileReader {
@@ -70,7 +74,9 @@ class GroupFileReader {
  private:
   // Applies one line; false when reading must stop.
   bool applyLine(const char* text, size_t length);
-  bool match(const regex_t& pattern, bool line, const char* text, size_t length, regmatch_t (&m)[4]);
+  // The scanner, or regexec for what it cannot judge.
+  bool matchLine(const char* text, size_t length, regmatch_t (&m)[4]);
+  bool matchTriplet(std::string_view text, regmatch_t (&m)[4]);
   bool splitKey(std::string_view key);
   bool splitTriplet(std::string_view text, size_t& next, unsigned int& column, int& type, std::string_view& value);
   bool setScalar(std::string_view value, Param* param);
@@ -80,9 +86,12 @@ class GroupFileReader {
   const regex_t& tripletPattern;
   const std::unordered_map<std::string, Param*>& params;
   LogChannel& log;
-  std::string copy;  // a NUL-terminated line for regexec
-  std::string stem;  // the key's registry part
-  RowIdx index;      // the key's index part
+  std::string copy;           // a NUL-terminated line for regexec
+  std::string_view stemView;  // the key's registry part
+  RowIdx index;               // the key's index part
+  bool lineJudged = false;    // the line holds no byte the scanner leaves to regexec
+  std::string stem;           // the last stem looked up, and its parameter
+  Param* lastParam = nullptr;
 };
 
 // ---- Writing

@@ -67,8 +67,11 @@ std::string deserialize(std::string_view quoted) {
   if (n == 0) return "[error - len]";
   if (quoted[0] != '"') return "[error - start]";
 
-  std::string out;
+  // Plain characters up to the first escape or the closing quote are taken
+  // in one piece.
   size_t i = 1;
+  while (i < n && quoted[i] != '"' && quoted[i] != '\\' && isAsciiPrint(static_cast<unsigned char>(quoted[i]))) ++i;
+  std::string out(quoted.substr(1, i - 1));
   while (true) {
     // The end of the text counts as a non-printable character: an error.
     if (i >= n) return "[error]";

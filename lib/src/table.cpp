@@ -119,28 +119,37 @@ bool Table::findRowWithMatch(const unsigned int& column, const Variant& value, T
 TableRow& Table::addRow(const RowIdx& idx) {
   TableRow& row = rows[idx];
   row.clear();
-  fillDefaults(row);
+  completeRow(row);
   return row;
 }
 
 TableRow& Table::addOrUpdateRow(const RowIdx& idx) {
+  bool created = false;
+  TableRow& row = openRow(idx, created);
+  if (created) completeRow(row);
+  return row;
+}
+
+TableRow& Table::openRow(const RowIdx& idx, bool& created) {
   // Rows are mostly added in index order (files list them so): a row after
   // the last one is appended without a search.
   if (!rows.empty() && rows.rbegin()->first < idx) {
-    TableRow& row = rows.emplace_hint(rows.end(), idx, TableRow())->second;
-    fillDefaults(row);
-    return row;
+    created = true;
+    return rows.emplace_hint(rows.end(), idx, TableRow())->second;
   }
   auto [it, inserted] = rows.try_emplace(idx);
-  if (inserted) fillDefaults(it->second);
+  created = inserted;
   return it->second;
 }
 
-void Table::fillDefaults(TableRow& row) const {
+void Table::completeRow(TableRow& row) const {
   // Nested tables and unknown types start without a cell.
-  for (const auto& [column, field] : def->fields)
-    if (const ValueCodec* codec = ValueCodec::of(field.type))
-      row.emplace_hint(row.end(), column, codec->defaultValue());
+  auto cell = row.begin();
+  for (const auto& [column, field] : def->fields) {
+    while (cell != row.end() && cell->first < column) ++cell;
+    if (cell != row.end() && cell->first == column) continue;
+    if (const ValueCodec* codec = ValueCodec::of(field.type)) row.emplace_hint(cell, column, codec->defaultValue());
+  }
 }
 
 bool Table::setCellValue(const RowIdx& idx, const unsigned int& column, const std::string& value) {

@@ -132,30 +132,26 @@ void ValueCodec::appendFileValue(std::string& out, const Variant& v) const {
   }
 }
 
-bool ValueCodec::parseFileValue(std::string_view text, bool cell, Variant& out) const {
+Variant ValueCodec::parseFileValue(std::string_view text, bool cell) const {
   switch (type_) {
     case INTEGER:
-      out = Variant(static_cast<long>(Common::parseSigned32(text.data(), text.size())));
-      return true;
-    case TIMETICKS: {
-      const uint32_t ticks = cell ? static_cast<uint32_t>(Common::parseSigned32(text.data(), text.size()))
-                                  : Common::parseUnsigned32(text.data(), text.size());
-      out = Variant(TimeTicksValue{ticks});
-      return true;
-    }
+      return Variant(static_cast<long>(Common::parseSigned32(text.data(), text.size())));
+    case TIMETICKS:
+      return Variant(TimeTicksValue{cell ? static_cast<uint32_t>(Common::parseSigned32(text.data(), text.size()))
+                                         : Common::parseUnsigned32(text.data(), text.size())});
     case IPADDRESS:
-      out = Variant(std::string(text));
-      return true;
+      return Variant(std::string(text));
     case STRING:
       // The decoder's error text becomes the value, as it always has.
-      out = Variant(Common::deserialize(text));
-      return true;
+      return Variant(Common::deserialize(text));
     case LOGADDRMAIN: {
       const std::string bytes = Common::deserialize(text);
-      return !isDecodeError(bytes) && addressFromText(bytes, out);
+      Variant address;
+      if (!isDecodeError(bytes)) addressFromText(bytes, address);
+      return address;
     }
     default:
-      return false;
+      return Variant();
   }
 }
 

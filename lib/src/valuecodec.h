@@ -60,9 +60,9 @@ class ValueCodec {
   void appendFileValue(std::string& out, const Variant& v) const;
   // Reads the value text of a triplet, quotes included. TimeTicks read as an
   // unsigned count when `cell` is false and as a signed long in a table cell,
-  // as files have always been read. False only for a logical address that is
-  // no valid 8-byte text.
-  bool parseFileValue(std::string_view text, bool cell, Variant& out) const;
+  // as files have always been read. UNDEFINED only for a logical address that
+  // is no valid 8-byte text.
+  Variant parseFileValue(std::string_view text, bool cell) const;
 
   // ---- Host values
   // A value of this type from a number or a text the host hands over for a

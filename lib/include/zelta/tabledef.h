@@ -212,6 +212,12 @@ class ZELTA_EXPORT Table {
   TableRow& addRow(const RowIdx& idx);
   // addRow when absent; otherwise the existing row unchanged.
   TableRow& addOrUpdateRow(const RowIdx& idx);
+  // For a loader that sets most cells itself: the row of `idx`, created
+  // without any cell when absent (`created` then true). Give a row created so
+  // its other cells with completeRow().
+  TableRow& openRow(const RowIdx& idx, bool& created);
+  // Adds the default cell of every value column the row has no cell for.
+  void completeRow(TableRow& row) const;
   // Store one cell; false when the column does not take that kind of value.
   // A missing row is created (without defaults).
   bool setCellValue(const RowIdx& idx, const unsigned int& column, const std::string& value);
@@ -236,8 +242,6 @@ class ZELTA_EXPORT Table {
   uint32_t activeRowsReadOnly;
 
  private:
-  void fillDefaults(TableRow& row) const;
-
   TableDef* def;
   std::map<RowIdx, TableRow> rows;
 };
