@@ -4,6 +4,7 @@
 
 #include <clocale>
 #include <random>
+#include <sstream>
 #include <stdexcept>
 
 #include "snmp_fixture.h"
@@ -85,7 +86,9 @@ template <class Leaf>
 Leaf* const as = nullptr;
 struct Scalar {
   template <class Leaf, class... Bounds>
-  Scalar(int n, Variant initial, Leaf*, Bounds... bounds) : value(initial), info(leaf(n), READWRITE) {
+  Scalar(int n, Variant initial, Leaf* kind, Bounds... bounds) : Scalar(leaf(n), initial, kind, bounds...) {}
+  template <class Leaf, class... Bounds>
+  Scalar(const std::string& oid, Variant initial, Leaf*, Bounds... bounds) : value(initial), info(oid, READWRITE) {
     value.setListener(&listener);
     info.setEntry(new Leaf(&info, &value, bounds...));
   }
@@ -165,6 +168,93 @@ TEST_F(AgentTest, MalformedDatagramsCannotFillTheLog) {
   log = captureLog(WARNING, [&] { stopAgent(); });
   EXPECT_NE(log.find("Net-SNMP: "), std::string::npos);
   EXPECT_NE(log.find(" were not logged\n"), std::string::npos) << log;
+}
+
+// ---- Scalar groups: few registrations, the wire as with one per scalar
+
+namespace {
+
+// The OIDs of a tool's output lines ("OID = ..."), in order.
+Strings oidsOf(const std::string& out) {
+  Strings oids;
+  std::istringstream lines(out);
+  for (std::string line; std::getline(lines, line);)
+    if (line.rfind(".1.", 0) == 0 && line.find(" = ") != std::string::npos)
+      oids.push_back(line.substr(0, line.find(" = ")));
+  return oids;
+}
+
+}  // namespace
+
+// Scalars under several parents (one of them a prefix of another), a table
+// inside one parent's subtree, gaps, and a scalar made NOACCESS: GETNEXT,
+// GETBULK and another manager's library each see every object once, in OID
+// order, with the value a single GET gives.
+TEST_F(AgentTest, WalksCrossScalarGroupsTablesAndGapsInOrder) {
+  const std::string a = kBase + ".10", c = kBase + ".11";
+  const Strings scalarOids{kBase + ".9.1.0", a + ".1.0",   a + ".2.0", a + ".5.0", a + ".7.0",
+                           a + ".7.1.0",     a + ".7.2.0", a + ".8.0", c + ".1.0"};
+  std::vector<std::unique_ptr<Scalar>> scalars;
+  std::vector<MibEntry*> entries;
+  for (size_t i = 0; i < scalarOids.size(); ++i) {
+    scalars.push_back(std::make_unique<Scalar>(scalarOids[i], Variant(static_cast<long>(100 + i)), as<IntMibLeaf>));
+    entries.push_back(scalars.back()->info.getEntry());
+  }
+  scalars[7]->info.entryAs<IntMibLeaf>()->setAccess(NOACCESS);
+  std::map<unsigned int, FieldType> fields{{3, FieldType(INTEGER, NO_RANGE, NO_RANGE)}};
+  TableDef def({1}, 2, fields, 1);
+  Table rows(&def);
+  rows.setCellValue({1}, 3, 31L);
+  rows.setCellValue({2}, 3, 32L);
+  Variant tableValue(rows);
+  SNMPInfo tableInfo(a + ".3.1", READCREATE);
+  tableInfo.setEntry(new DynMibTable(&tableInfo, &tableValue));
+  entries.push_back(tableInfo.getEntry());
+  ASSERT_TRUE(startAgent(entries));
+
+  const Strings expected{scalarOids[0],  scalarOids[1], scalarOids[2], a + ".3.1.2.1", a + ".3.1.2.2", a + ".3.1.3.1",
+                         a + ".3.1.3.2", scalarOids[3], scalarOids[4], scalarOids[5],  scalarOids[6],  scalarOids[8]};
+  const ToolResult walk = tool("snmpwalk", "2c", "public", {kBase});
+  EXPECT_EQ(oidsOf(walk.out), expected) << walk.out;
+  EXPECT_EQ(oidsOf(tool("snmpbulkwalk", "2c", "public", {kBase}).out), expected);
+  EXPECT_EQ(oidsOf(tool("snmpwalk", "1", "public", {kBase}).out), expected);
+  for (const std::string& oid : expected) EXPECT_EQ(valueOf(walk.out, oid), fetch(oid)) << oid;
+
+  // Another manager's library walks the same objects.
+  if (runTool({"/usr/bin/python3", "-c", "import pysnmp"}).exitCode != 0)
+    GTEST_SKIP() << "pysnmp (python3-pysnmp4) is not installed";
+  TempDir dir;
+  const std::string script = dir.write("walk.py", R"(import sys
+from pysnmp.hlapi import *
+for error, status, index, binds in bulkCmd(SnmpEngine(), CommunityData('public'),
+        UdpTransportTarget(('127.0.0.1', int(sys.argv[1])), timeout=2, retries=0), ContextData(), 0, 4,
+        ObjectType(ObjectIdentity(sys.argv[2])), lexicographicMode=False, lookupMib=False):
+    if error or status:
+        sys.exit('walk failed: %s' % (error or status.prettyPrint()))
+    for name, value in binds:
+        print('.%s = %s' % (name, value.prettyPrint()))
+)");
+  const ToolResult other = runTool({"/usr/bin/python3", script, std::to_string(port), kBase.substr(1)});
+  EXPECT_EQ(other.exitCode, 0) << other.out;
+  EXPECT_EQ(oidsOf(other.out), expected) << other.out;
+}
+
+// One PDU over two scalar groups: a refused binding in either group leaves
+// both values as they were; accepted, both change.
+TEST_F(AgentTest, ASetAcrossScalarGroupsIsAllOrNothing) {
+  Scalar first(kBase + ".10.1.0", Variant(1L), as<IntMibLeaf>), second(kBase + ".11.1.0", Variant(2L), as<IntMibLeaf>);
+  ASSERT_TRUE(startAgent({first.info.getEntry(), second.info.getEntry()}));
+  const std::string x = kBase + ".10.1.0", y = kBase + ".11.1.0";
+  EXPECT_EQ(refusal("2c", {x, "i", "5", y, "i", "13"}), "wrongValue");
+  EXPECT_EQ(refusal("2c", {y, "i", "6", x, "i", "13"}), "wrongValue");
+  EXPECT_EQ(first.value.getLong() + second.value.getLong(), 3);
+  EXPECT_EQ(refusal("2c", {x, "i", "5", y, "i", "6"}), "");
+  EXPECT_EQ(first.value.getLong() + second.value.getLong(), 11);
+  // Below a scalar nothing can be created; next to one nothing is writable.
+  EXPECT_EQ(refusal("2c", {x + ".4", "i", "1"}), "noCreation");
+  EXPECT_EQ(refusal("2c", {kBase + ".10.9.0", "i", "1"}), "notWritable");
+  EXPECT_EQ(fetch(x + ".4").rfind("No Such Instance", 0), 0u);
+  EXPECT_EQ(fetch(kBase + ".10.9.0").rfind("No Such Object", 0), 0u);
 }
 
 // ---- Scalar leaves

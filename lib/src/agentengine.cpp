@@ -17,6 +17,7 @@
 #include "agentengine.h"
 #include "liblock.h"
 #include "ratelimit.h"
+#include "scalarindex.h"
 #include "zelta/logging.h"
 #include "zelta/mibtypes.h"
 
@@ -204,7 +205,7 @@ int removeOne(const char* path, const struct stat* /*sb*/, int /*flag*/, struct 
 
 std::recursive_mutex& agentLock() { return libraryLock(); }
 
-AgentEngine::AgentEngine() {
+AgentEngine::AgentEngine() : scalars(std::make_unique<ScalarIndex>()) {
   // The wake-up pipe lives as long as the engine, so wakeUp() never races a
   // shut-down.
   if (pipe2(wakePipe, O_CLOEXEC | O_NONBLOCK) != 0) wakePipe[0] = wakePipe[1] = -1;
@@ -251,13 +252,25 @@ bool AgentEngine::initialize(const AgentConfig& config, const std::vector<MibEnt
     return false;
   }
   initStandardGroups(config.systemGroup);
+  // Tables and other objects first: the scalar index then knows what lies
+  // between its scalars.
+  std::vector<MibLeaf*> leaves;
+  std::vector<MibLeaf*> refused;
   for (MibEntry* entry : entries) {
     if (entry == nullptr) continue;
-    if (entry->registerEntry())
+    if (auto* leaf = dynamic_cast<MibLeaf*>(entry)) {
+      leaves.push_back(leaf);
+    } else if (entry->registerEntry()) {
       registered.push_back(entry);
-    else
+    } else {
       Log["libzelta"].append(ERROR, "AgentEngine: cannot publish %s\n", entry->describe().c_str());
+    }
   }
+  scalars->build(leaves, refused);
+  for (MibLeaf* leaf : leaves)
+    if (leaf->isRegistered()) registered.push_back(leaf);
+  for (MibLeaf* leaf : refused)
+    Log["libzelta"].append(ERROR, "AgentEngine: cannot publish %s\n", leaf->describe().c_str());
 
   // init_snmp sets LC_CTYPE from the environment; the host's setting stays.
   const char* current = setlocale(LC_CTYPE, nullptr);
@@ -340,6 +353,7 @@ void AgentEngine::cleanUp_nolock() {
   // Entries first: their tables live in containers that shutdown_agent frees.
   for (MibEntry* entry : registered) entry->unregisterEntry();
   registered.clear();
+  scalars->clear();
   snmp_shutdown(kAppName);
   shutdown_master_agent();
   shutdown_agent();
@@ -355,6 +369,7 @@ void AgentEngine::forgetEntry_nolock(MibEntry* entry) {
   if (activeEngine == nullptr) return;
   auto& list = activeEngine->registered;
   list.erase(std::remove(list.begin(), list.end(), entry), list.end());
+  if (auto* leaf = dynamic_cast<MibLeaf*>(entry)) activeEngine->scalars->forget(leaf);
 }
 
 }  // namespace Quorvel::Kvan::SNMP

@@ -9,6 +9,7 @@
 #ifndef ZELTA_SRC_AGENTENGINE_H_
 #define ZELTA_SRC_AGENTENGINE_H_
 
+#include <memory>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -18,6 +19,7 @@
 namespace Quorvel::Kvan::SNMP {
 
 class MibEntry;
+class ScalarIndex;
 
 // What the agent serves and to whom. Applied anew by every initialize().
 struct AgentConfig {
@@ -89,6 +91,7 @@ class ZELTA_EXPORT AgentEngine {
 
   bool initialized = false;
   std::vector<MibEntry*> registered;
+  std::unique_ptr<ScalarIndex> scalars;
   std::string ownedTempDir;
   int wakePipe[2] = {-1, -1};
 };

@@ -30,7 +30,7 @@ struct CharClasses {
     for (int c : {' ', '\t', '\n', '\v', '\f', '\r'}) bits[c] = kSpace;
     for (int c = '0'; c <= '9'; ++c) bits[c] = kDigit | kAlnum | kKey;
     for (int c = 'a'; c <= 'z'; ++c) bits[c] = bits[c - 'a' + 'A'] = kAlnum | kKey;
-    bits['.'] = kKey;
+    bits[static_cast<unsigned char>('.')] = kKey;
   }
 };
 

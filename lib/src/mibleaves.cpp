@@ -1,4 +1,5 @@
-// The seven scalar leaves and their Net-SNMP handler.
+// The seven scalar leaves: the steps of a request on one scalar. The agent's
+// scalar index registers them and dispatches requests to them.
 #include "snmpinternal.h"
 
 #include <cstring>
@@ -10,53 +11,6 @@
 #include "zelta/mibtypes.h"
 
 namespace Quorvel::Kvan::SNMP {
-
-namespace {
-
-// One leaf per registration, reached through the handler's myvoid. The
-// instance helper in front of it lets only the exact OID through and turns
-// GETNEXT into GET.
-int leafHandlerUnguarded(netsnmp_mib_handler* handler, netsnmp_agent_request_info* reqinfo,
-                         netsnmp_request_info* requests) {
-  auto* leaf = static_cast<MibLeaf*>(handler->myvoid);
-  std::lock_guard lock(agentLock());
-  for (netsnmp_request_info* request = requests; request != nullptr; request = request->next) {
-    if (request->processed) continue;
-    const netsnmp_variable_list& vb = *request->requestvb;
-    switch (reqinfo->mode) {
-      case MODE_GET:
-        // An object made NOACCESS at run time is hidden like one never
-        // published; a walk steps over it.
-        if (leaf->get_access() == NOACCESS)
-          netsnmp_set_request_error(reqinfo, request, SNMP_NOSUCHOBJECT);
-        else
-          leaf->get_request(reqinfo, request);
-        break;
-      case MODE_SET_RESERVE1: {
-        int status = leaf->check_set(vb);
-        if (status != SNMP_ERR_NOERROR) netsnmp_set_request_error(reqinfo, request, status);
-        break;
-      }
-      case MODE_SET_COMMIT: {
-        // Every binding of the PDU passed its checks: only now is anything
-        // written, so a failing binding leaves every parameter unchanged.
-        int status = leaf->set_value(vb);
-        if (status != SNMP_ERR_NOERROR) netsnmp_set_request_error(reqinfo, request, SNMP_ERR_COMMITFAILED);
-        break;
-      }
-      default:
-        break;
-    }
-  }
-  return SNMP_ERR_NOERROR;
-}
-
-int leafHandler(netsnmp_mib_handler* handler, netsnmp_handler_registration* /*reginfo*/,
-                netsnmp_agent_request_info* reqinfo, netsnmp_request_info* requests) {
-  return internal::guardHandler([&] { return leafHandlerUnguarded(handler, reqinfo, requests); }, requests);
-}
-
-}  // namespace
 
 // ---- MibLeaf
 
@@ -133,25 +87,11 @@ bool MibLeaf::get_request(netsnmp_agent_request_info_s* reqinfo, netsnmp_request
   return true;
 }
 
-bool MibLeaf::registerEntry() {
-  if (isRegistered()) return true;
-  const std::vector<unsigned long>& parts = oidParts();
-  if (parts.empty()) return false;
-  netsnmp_handler_registration* reg =
-      netsnmp_create_handler_registration("zeltaLeaf", leafHandler, parts.data(), parts.size(), HANDLER_CAN_RWRITE);
-  if (reg == nullptr) return false;
-  reg->handler->myvoid = this;
-  // On failure Net-SNMP frees the registration itself.
-  if (netsnmp_register_instance(reg) != MIB_REGISTERED_OK) return false;
-  registration = reg;
-  return true;
-}
+// Leaves are registered by the agent's scalar index, a few registrations for
+// all of them; a leaf alone has nothing to register.
+bool MibLeaf::registerEntry() { return false; }
 
-void MibLeaf::unregisterEntry() {
-  if (registration == nullptr) return;
-  netsnmp_unregister_handler(registration);
-  registration = nullptr;
-}
+void MibLeaf::unregisterEntry() { registration = nullptr; }
 
 // ---- The seven leaves: a value type, its reason text and its bounds.
 

@@ -143,6 +143,7 @@ ParamGroup::ParamGroup(const ParamGroup& other)
     : name(other.name),
       filePath(other.filePath),
       params(other.params),
+      members(other.members),
       active(other.active.load()),
       atomicSave(other.atomicSave) {}
 
@@ -151,6 +152,7 @@ ParamGroup& ParamGroup::operator=(const ParamGroup& other) {
     name = other.name;
     filePath = other.filePath;
     params = other.params;
+    members = other.members;
     atomicSave = other.atomicSave;
   }
   return *this;
@@ -162,7 +164,9 @@ void ParamGroup::setParams(const std::string& groupName, const std::string& path
 }
 
 void ParamGroup::addOwnedParam(Param* param) {
-  if (std::find(params.begin(), params.end(), param) != params.end()) {
+  // A set beside the list: a device with many parameters enrols them in
+  // linear time.
+  if (!members.insert(param).second) {
     ZELTA_TRACE();
     return;
   }

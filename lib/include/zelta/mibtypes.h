@@ -58,6 +58,8 @@ class ZELTA_EXPORT MibEntry {
   mib_access get_access() const { return static_cast<mib_access>(access.load()); }
   // True while registered with a running agent.
   bool isRegistered() const { return registration != nullptr; }
+  // Sub-identifiers of the OID; empty when the text is not a valid OID.
+  const std::vector<unsigned long>& oidParts() const { return oidSubIds; }
   // The key the agent publishes the object under (the parameter's key), for
   // log lines; "" until an agent has taken it.
   const std::string& getKey() const { return key; }
@@ -65,8 +67,6 @@ class ZELTA_EXPORT MibEntry {
  protected:
   MibEntry(const std::string& oid, mib_access access);
 
-  // Sub-identifiers of the OID; empty when the text is not a valid OID.
-  const std::vector<unsigned long>& oidParts() const { return oidSubIds; }
   void storeAccess(mib_access mode) { access.store(static_cast<int>(mode)); }
   // Where log lines name the object: "'key' at .oid", or ".oid" alone.
   std::string describe() const;
@@ -82,6 +82,7 @@ class ZELTA_EXPORT MibEntry {
 
  private:
   friend class AgentEngine;
+  friend class ScalarIndex;
   friend class SNMPAgent;
 
   std::string key;

@@ -24,6 +24,7 @@
 #include <cstdio>
 #include <functional>
 #include <string>
+#include <unordered_set>
 #include <utility>
 #include <vector>
 
@@ -215,6 +216,7 @@ class ZELTA_EXPORT ParamGroup {
   std::string name;
   std::string filePath;
   std::vector<Param*> params;
+  std::unordered_set<const Param*> members;  // the same, for the duplicate check
   std::atomic<int> ticks{0};
   std::atomic<bool> workerRunning{false};
   std::atomic<bool> active{true};

@@ -1,0 +1,226 @@
+// Many published scalars: the agent's start, stop and restart with 10,
+// 10,000 and 100,000 published INTEGER parameters, the heap per published
+// scalar (parameter, SNMP object, registry entry and registration), and GETs
+// of 50 random scalars per request with 100,000 published against 10
+// published, by one client in the same run. Scalars sit under 100 parent
+// OIDs (scalar groups) of 1.3.6.1.4.1.99999.30.
+//
+// A console run ends with a summary and the targets: start at most 1 s with
+// 100,000, growth from 10,000 to 100,000 at most 11x, GETs with 100,000 at
+// least 0.9x those with 10, at most 1 kB per scalar.
+#include <benchmark/benchmark.h>
+#include <malloc.h>
+#include <poll.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <map>
+#include <memory>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "../tests/loopback.h"
+#include "zelta/logging.h"
+#include "zelta/parammanager.h"
+#include "zelta/snmpagent.h"
+
+using namespace Quorvel::Kvan;
+using namespace Quorvel::Kvan::SNMP;
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+const int kGroups = 100;
+const int kOidsPerRequest = 50;
+
+size_t heapInUse() { return mallinfo2().uordblks; }
+
+std::string scalarOid(int i) {
+  return "1.3.6.1.4.1.99999.30." + std::to_string(1 + i % kGroups) + "." + std::to_string(1 + i / kGroups) + ".0";
+}
+
+// `count` published INTEGER parameters in one group, registered under p0, p1, ...
+struct Registry {
+  explicit Registry(int count) : group("scale", "/nonexistent/zelta-scale.txt") {
+    for (int i = 0; i < count; ++i) {
+      infos.push_back(std::make_unique<SNMPInfo>(scalarOid(i), READWRITE));
+      params.push_back(std::make_unique<Param>(group, INTEGER, Variant(static_cast<long>(i)), infos.back().get()));
+      manager.add("p" + std::to_string(i), params.back().get());
+    }
+  }
+  // The manager and the parameters go before the SNMP objects.
+  ParamGroup group;
+  std::vector<std::unique_ptr<SNMPInfo>> infos;
+  std::vector<std::unique_ptr<Param>> params;
+  ParamManager manager;
+};
+
+// An agent over a registry on a free loopback port; seconds its start took.
+struct Serving {
+  explicit Serving(Registry& registry) {
+    for (int attempt = 0; attempt < 5 && (agent == nullptr || !agent->isRunning()); ++attempt) {
+      if (agent) agent->waitForFinish();
+      SNMPAgent::Options options;
+      options.listenAddress = "127.0.0.1";
+      options.port = port = zelta_test::freeUdpPort();
+      agent = std::make_unique<SNMPAgent>(&registry.manager, options);
+      const auto start = Clock::now();
+      agent->start();
+      while (!agent->isRunning() && !agent->hasFinished() && Clock::now() - start < std::chrono::minutes(10))
+        usleep(200);
+      startSeconds = std::chrono::duration<double>(Clock::now() - start).count();
+    }
+  }
+  // Seconds the stop took.
+  double stop() {
+    const auto start = Clock::now();
+    agent->stop();
+    agent->waitForFinish();
+    return std::chrono::duration<double>(Clock::now() - start).count();
+  }
+  ~Serving() {
+    if (agent) {
+      agent->stop();
+      agent->waitForFinish();
+    }
+  }
+  bool ok() const { return agent != nullptr && agent->isRunning(); }
+
+  std::unique_ptr<SNMPAgent> agent;
+  int port = 0;
+  double startSeconds = 0;
+};
+
+// ---- A GET of many OIDs over a UDP socket (SNMPv2c, community "public")
+
+std::string tlv(int tag, const std::string& content) {
+  std::string out(1, static_cast<char>(tag));
+  std::string length;
+  for (size_t n = content.size(); n != 0; n >>= 8) length.insert(length.begin(), static_cast<char>(n & 0xff));
+  if (content.size() < 128)
+    out += static_cast<char>(content.size());
+  else
+    out += static_cast<char>(0x80 | length.size()) + length;
+  return out + content;
+}
+
+std::string berInt(uint32_t v) {
+  std::string bytes;
+  do {
+    bytes.insert(bytes.begin(), static_cast<char>(v & 0xff));
+    v >>= 8;
+  } while (v != 0);
+  if (static_cast<unsigned char>(bytes[0]) & 0x80) bytes.insert(bytes.begin(), '\0');
+  return tlv(0x02, bytes);
+}
+
+std::string berOid(const std::string& dotted) {
+  std::vector<unsigned long> ids;
+  for (const char* p = dotted.c_str(); *p != '\0';) {
+    ids.push_back(strtoul(p, const_cast<char**>(&p), 10));
+    if (*p == '.') ++p;
+  }
+  std::string out(1, static_cast<char>(ids[0] * 40 + ids[1]));
+  for (size_t i = 2; i < ids.size(); ++i) {
+    std::string sub(1, static_cast<char>(ids[i] & 0x7f));
+    for (unsigned long v = ids[i] >> 7; v != 0; v >>= 7) sub.insert(sub.begin(), static_cast<char>(0x80 | (v & 0x7f)));
+    out += sub;
+  }
+  return tlv(0x06, out);
+}
+
+// Varbinds per second of GETs of `kOidsPerRequest` random scalars of
+// `published`, for about `seconds`; 0 when a request went unanswered.
+double randomGetRate(int port, int published, double seconds) {
+  int fd = zelta_test::connectedSocket(port);
+  if (fd < 0) return 0;
+  std::mt19937 random(7);
+  uint32_t requestId = 0;
+  long varbinds = 0;
+  const auto start = Clock::now();
+  double elapsed = 0;
+  while (elapsed < seconds) {
+    std::string bindings;
+    for (int i = 0; i < kOidsPerRequest; ++i)
+      bindings +=
+          tlv(0x30, berOid(scalarOid(static_cast<int>(random() % static_cast<unsigned>(published)))) + tlv(0x05, ""));
+    const std::string packet =
+        tlv(0x30, berInt(1) + tlv(0x04, "public") +
+                      tlv(0xA0, berInt(++requestId) + berInt(0) + berInt(0) + tlv(0x30, bindings)));
+    pollfd answer{fd, POLLIN, 0};
+    char reply[8192];
+    if (send(fd, packet.data(), packet.size(), 0) < 0 || poll(&answer, 1, 2000) != 1 ||
+        recv(fd, reply, sizeof reply, 0) <= 0) {
+      close(fd);
+      return 0;
+    }
+    varbinds += kOidsPerRequest;
+    elapsed = std::chrono::duration<double>(Clock::now() - start).count();
+  }
+  close(fd);
+  return varbinds / elapsed;
+}
+
+// ---- Benchmarks
+
+// Start, stop and restart with `state.range(0)` scalars, and the heap per
+// scalar once the agent serves them.
+void BM_StartStop(benchmark::State& state) {
+  const int count = static_cast<int>(state.range(0));
+  double start = 0, stop = 0, restart = 0, bytes = 0;
+  for (auto _ : state) {
+    const size_t before = heapInUse();
+    Registry registry(count);
+    Serving first(registry);
+    if (!first.ok()) return state.SkipWithError("the agent did not start");
+    bytes += static_cast<double>(heapInUse() - before) / count;
+    start += first.startSeconds;
+    stop += first.stop();
+    Serving second(registry);
+    if (!second.ok()) return state.SkipWithError("the agent did not restart");
+    restart += second.startSeconds;
+  }
+  const double n = static_cast<double>(state.iterations());
+  state.counters["start_s"] = start / n;
+  state.counters["stop_s"] = stop / n;
+  state.counters["restart_s"] = restart / n;
+  state.counters["heap_bytes_per_scalar"] = bytes / n;
+}
+BENCHMARK(BM_StartStop)->Arg(10)->Arg(10000)->Arg(100000)->Iterations(2)->Unit(benchmark::kMillisecond)->UseRealTime();
+
+// Random GETs with 100,000 published against 10 published, taken in turns.
+void BM_RandomGets(benchmark::State& state) {
+  double few = 0, many = 0;
+  Registry small(10), large(100000);
+  for (auto _ : state) {
+    for (Registry* registry : {&small, &large}) {
+      const int published = static_cast<int>(registry->params.size());
+      Serving serving(*registry);
+      if (!serving.ok()) return state.SkipWithError("the agent did not start");
+      (published == 10 ? few : many) += randomGetRate(serving.port, published, 1.5);
+    }
+  }
+  const double n = static_cast<double>(state.iterations());
+  state.counters["varbinds_per_s_10"] = few / n;
+  state.counters["varbinds_per_s_100000"] = many / n;
+  state.counters["ratio"] = few > 0 ? many / few : 0;
+}
+BENCHMARK(BM_RandomGets)->Iterations(3)->Unit(benchmark::kMillisecond)->UseRealTime();
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  benchmark::Initialize(&argc, argv);
+  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+  Log["libzelta"].level = ERROR;
+  benchmark::RunSpecifiedBenchmarks();
+  printf(
+      "\nTargets: start_s at most 1 with 100000; start_s(100000)/start_s(10000) at most 11;\n"
+      "ratio of random GETs at least 0.9; heap_bytes_per_scalar at most 1024.\n");
+  benchmark::Shutdown();
+  return 0;
+}
