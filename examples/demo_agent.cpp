@@ -1,14 +1,14 @@
 // The demo agent: what a device's control program does with libzelta.
 // It declares parameters of every type, among them a routing table with
-// RowStatus, keeps them in two group files under a data directory, loads them
-// and serves them over SNMP until Ctrl-C.
+// RowStatus (demo_params.h), keeps them in two group files under a data
+// directory, loads them and serves them over SNMP until Ctrl-C. With
+// --write-mib it writes its MIB module instead.
 //
-//   zelta_demo [--port N] [--address A] [--data-dir D] [--log-level debug|verbose]
+//   zelta_demo [--port N] [--address A] [--data-dir D] [--log-level debug|verbose] [--write-mib FILE]
 #include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -17,6 +17,8 @@
 #include <thread>
 
 #include <zelta/zelta.h>
+
+#include "demo_params.h"
 
 using namespace Quorvel::Kvan;
 using namespace Quorvel::Kvan::SNMP;
@@ -27,16 +29,14 @@ volatile sig_atomic_t stopRequested = 0;
 
 void onSignal(int) { stopRequested = 1; }
 
-// Our subtree: an enterprise number reserved for documentation and tests.
-const std::string kBase = "1.3.6.1.4.1.99999.1";
-
 void usage(const char* program) {
   printf(
-      "usage: %s [--port N] [--address A] [--data-dir D] [--log-level LEVEL]\n"
+      "usage: %s [--port N] [--address A] [--data-dir D] [--log-level LEVEL] [--write-mib FILE]\n"
       "  --port N         UDP port to serve SNMP on (default 16161)\n"
       "  --address A      IPv4 address to listen on (default 127.0.0.1)\n"
       "  --data-dir D     where the group files live (default ./demo-data, created)\n"
-      "  --log-level L    info (default), debug or verbose\n",
+      "  --log-level L    info (default), debug or verbose\n"
+      "  --write-mib F    write the demo's MIB module (ZELTA-DEMO-MIB) to F and exit\n",
       program);
 }
 
@@ -47,6 +47,7 @@ int main(int argc, char** argv) {
   std::string address = "127.0.0.1";
   std::string dataDir = "./demo-data";
   std::string level = "info";
+  std::string mibFile;
   for (int i = 1; i < argc; ++i) {
     std::string arg = argv[i];
     bool hasValue = i + 1 < argc;
@@ -61,6 +62,8 @@ int main(int argc, char** argv) {
       dataDir = argv[++i];
     } else if (arg == "--log-level" && hasValue) {
       level = argv[++i];
+    } else if (arg == "--write-mib" && hasValue) {
+      mibFile = argv[++i];
     } else {
       usage(argv[0]);
       return 2;
@@ -70,69 +73,23 @@ int main(int argc, char** argv) {
     fprintf(stderr, "zelta_demo: bad port %d\n", port);
     return 2;
   }
+  if (!mibFile.empty()) {
+    zelta_demo::DemoParams demo(dataDir);
+    std::string error;
+    if (!writeMibModule(mibFile, demo.manager, zelta_demo::demoMibOptions(), error)) {
+      fprintf(stderr, "zelta_demo: %s\n", error.c_str());
+      return 1;
+    }
+    printf("zelta_demo: wrote %s\n", mibFile.c_str());
+    return 0;
+  }
   // INFO needs remove/add: setLevelFromString only turns debugging on.
   Log.remove("libzelta");
   Log.add("libzelta", level == "verbose" ? VERBOSE : level == "debug" ? DEBUG : INFO);
   mkdir(dataDir.c_str(), 0755);
 
-  // Group "system": one scalar of every type.
-  ParamGroup system("system", dataDir + "/system.txt");
-  SNMPInfo hostnameInfo(kBase + ".1.1.0", READWRITE);
-  SNMPInfo volumeInfo(kBase + ".1.2.0", READWRITE);
-  SNMPInfo uptimeInfo(kBase + ".1.3.0", READONLY);
-  SNMPInfo gatewayInfo(kBase + ".1.4.0", READWRITE);
-  SNMPInfo addressInfo(kBase + ".1.5.0", READWRITE);
-  Param hostname(system, STRING, Variant("zelta-demo"), &hostnameInfo, SAVE_ON_CHANGE, {1, 32});
-  Param volume(system, INTEGER, Variant(7), &volumeInfo, SAVE_ON_CHANGE, {0, 100});
-  Param uptime(system, TIMETICKS, &uptimeInfo, NEVER_SAVE);
-  Param gateway(system, IPADDRESS, Variant("192.168.1.1"), &gatewayInfo);
-  uint8_t firstAddress[8];
-  Common::logaddrMainSet(firstAddress, "1");
-  Param logicalAddress(system, LOGADDRMAIN, Variant(static_cast<const unsigned char*>(firstAddress)), &addressInfo);
-
-  // Validator: only dotted IPv4 addresses.
-  gateway.setValidator([](const Variant& v, const ExtraInfo*) { return Common::isValidIpAddress(v.getString()); });
-  // Filler: the uptime is computed when it is read.
-  const auto started = std::chrono::steady_clock::now();
-  uptime.setFiller([started](Variant& v, const ExtraInfo*) {
-    auto hundredths =
-        std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - started).count() / 10;
-    v = Variant(TimeTicksValue{static_cast<uint32_t>(hundredths)});
-    return true;
-  });
-  // Post-set hook: where a real program would apply the new setting.
-  volume.addPostSet([](const Variant& v, const ExtraInfo*) {
-    Log["libzelta"].append(INFO, "demo: volume is now %ld\n", v.getLong());
-  });
-
-  // Group "network": a routing table with RowStatus.
-  ParamGroup network("network", dataDir + "/network.txt");
-  // Columns: 1 index, 2 RowStatus, 3 destination, 4 metric (0..15, never 13),
-  // 5 description. RowStatus right after the index keeps every value column
-  // in the file.
-  std::map<unsigned int, FieldType> routeFields{
-      {3, FieldType(IPADDRESS, NO_RANGE, NO_RANGE)},
-      {4, FieldType(
-              INTEGER, [](const Variant& v, const ExtraInfo*) { return v.getLong() != 13; }, 0, 15)},
-      {5, FieldType(STRING, 0, 64)},
-  };
-  TableDef routeDef({1}, 2, routeFields, 1);
-  SNMPInfo routesInfo(kBase + ".2.1", READCREATE);
-  Param routes(network, TABLE, Variant(Table(&routeDef)), &routesInfo);
-  routes.addPostSet([](const Variant&, const ExtraInfo* info) {
-    if (info != nullptr) {
-      Log["libzelta"].append(INFO, "demo: routes row %s, action %d\n", Common::flatten(info->rowIdx).c_str(),
-                             info->action);
-    }
-  });
-
-  ParamManager manager;
-  manager.add("hostname", &hostname);
-  manager.add("volume", &volume);
-  manager.add("uptime", &uptime);
-  manager.add("gateway", &gateway);
-  manager.add("address", &logicalAddress);
-  manager.add("routes", &routes);
+  zelta_demo::DemoParams demo(dataDir);
+  ParamManager& manager = demo.manager;
   manager.loadAllGroups();
 
   signal(SIGINT, onSignal);

@@ -4,7 +4,9 @@
 set -euo pipefail
 
 packages=(cmake g++ make pkg-config file dpkg-dev libgtest-dev libgmock-dev libbenchmark-dev libsnmp-dev snmp snmpd
-  clang libclang-rt-14-dev "$@")
+  clang libclang-rt-14-dev smitools "$@")
+# The MIB module tests fetch the IETF base modules with npm: any npm will do.
+command -v npm >/dev/null 2>&1 || packages+=(npm)
 missing=()
 for p in "${packages[@]}"; do
   if ! dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed"; then

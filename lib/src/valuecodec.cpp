@@ -205,8 +205,9 @@ unsigned char ValueCodec::asnType() const {
 std::string ValueCodec::smiSyntax(const Bounds& bounds) const {
   const std::string range =
       std::to_string(static_cast<int32_t>(bounds.min)) + ".." + std::to_string(static_cast<int32_t>(bounds.max));
-  const std::string lengths = bounds.set ? std::to_string(bounds.min) + ".." + std::to_string(bounds.max)
-                                         : "0.." + std::to_string(SNMP::internal::kMaxStringLen);
+  const size_t longest = SNMP::internal::kMaxStringLen;
+  const std::string lengths = std::to_string(bounds.set ? bounds.min : 0) + ".." +
+                              std::to_string(bounds.set ? std::min<size_t>(bounds.max, longest) : longest);
   switch (type_) {
     case INTEGER:
       return bounds.set ? "Integer32 (" + range + ")" : "Integer32";
@@ -218,6 +219,19 @@ std::string ValueCodec::smiSyntax(const Bounds& bounds) const {
       return "OCTET STRING (SIZE (8))";
     default:
       return "OCTET STRING (SIZE (" + lengths + "))";
+  }
+}
+
+const char* ValueCodec::smiBaseType() const {
+  switch (type_) {
+    case INTEGER:
+      return "Integer32";
+    case TIMETICKS:
+      return "TimeTicks";
+    case IPADDRESS:
+      return "IpAddress";
+    default:
+      return "OCTET STRING";
   }
 }
 

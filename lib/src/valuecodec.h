@@ -74,8 +74,12 @@ class ValueCodec {
   // ---- SNMP
   // The ASN.1 type on the wire.
   unsigned char asnType() const;
-  // The SMIv2 syntax a MIB module gives it, with its bounds.
+  // The SMIv2 syntax a MIB module gives it, with its bounds. A string's
+  // lengths stop at the longest value a leaf takes.
   std::string smiSyntax(const Bounds& bounds) const;
+  // The same without bounds, as a SEQUENCE names it ("Integer32", "OCTET
+  // STRING"); also what a module imports for it, unless built into ASN.1.
+  const char* smiBaseType() const;
   // The value of `v` as SNMP answers it. False when `v` is of another kind.
   bool toSnmp(const Variant& v, SnmpValue& out) const;
   Variant fromSnmp(const SnmpValue& value) const;

@@ -5,6 +5,7 @@
 #include "zelta/common.h"
 #include "zelta/crypto.h"
 #include "zelta/logging.h"
+#include "zelta/mibgen.h"
 #include "zelta/mibtypes.h"
 #include "zelta/param.h"
 #include "zelta/parammanager.h"

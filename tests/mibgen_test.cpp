@@ -1,0 +1,383 @@
+// MIB modules made from registries, judged by tools we did not write: smilint
+// (libsmi) at level 6, and Net-SNMP's snmptranslate, snmpset, snmpwalk and
+// snmptable with the module loaded, against an agent serving the registry.
+#include "zelta/mibgen.h"
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <deque>
+#include <fstream>
+#include <functional>
+#include <memory>
+#include <random>
+#include <regex>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "demo_params.h"
+#include "snmp_fixture.h"
+#include "test_util.h"
+
+namespace zelta_test {
+namespace {
+
+const std::string kBaseModules = ZELTA_BASE_MIBS_DIR;
+
+// Why the fixture could not fetch the IETF base modules, or "" when they are there.
+std::string baseModulesMissing() {
+  if (std::ifstream(kBaseModules + "/SNMPv2-CONF.mib")) return "";
+  std::string why;
+  std::getline(std::ifstream(kBaseModules + "/why-missing.txt"), why);
+  return why.empty() ? "the MibGen.FetchBaseModules fixture has not run" : why;
+}
+#define REQUIRE_BASE_MODULES() \
+  if (const std::string why = baseModulesMissing(); !why.empty()) GTEST_SKIP() << "no IETF base MIB modules: " << why
+
+// The lines of a tool's output that are not empty.
+Strings lines(const std::string& text) {
+  Strings out;
+  std::istringstream in(text);
+  for (std::string line; std::getline(in, line);)
+    if (!line.empty()) out.push_back(line);
+  return out;
+}
+
+// A module in a directory of its own, and the tools that read it.
+struct ModuleFiles {
+  explicit ModuleFiles(std::string name) : module(std::move(name)) {}
+  std::string file() const { return dir.file(module + ".txt"); }
+  // smilint's complaints at level 6: "" for none.
+  std::string lint() const {
+    return runTool({"env", "SMIPATH=" + kBaseModules + ":" + dir.path(), "smilint", "-l", "6", "-s", file()}).out;
+  }
+  ToolResult netSnmp(const std::string& tool, const Strings& rest) const {
+    Strings args{tool, "-M", kBaseModules + ":" + dir.path(), "-m", module};
+    args.insert(args.end(), rest.begin(), rest.end());
+    return runTool(args);
+  }
+  // snmptranslate's tree of the module: fails on anything the parser had to say.
+  void expectLoads(const std::string& identity) const {
+    ToolResult tree = netSnmp("snmptranslate", {"-Tp", module + "::" + identity});
+    EXPECT_EQ(tree.exitCode, 0) << tree.out;
+    EXPECT_FALSE(std::regex_search(tree.out, std::regex("Unlinked|Undefined|Cannot|Did not find|Expected|Bad ")))
+        << tree.out;
+  }
+  // A walk of `root` with the module loaded: every object by its name, and of
+  // the type the module gives it (else Net-SNMP prints "Wrong Type").
+  void expectWalkByName(const std::string& target, const std::string& root) const {
+    ToolResult walk = netSnmp("snmpwalk", {"-v2c", "-c", "public", target, root});
+    EXPECT_EQ(walk.exitCode, 0) << walk.out;
+    EXPECT_FALSE(lines(walk.out).empty());
+    for (const std::string& line : lines(walk.out)) {
+      EXPECT_EQ(line.rfind(module + "::", 0), 0U) << line;
+      EXPECT_EQ(line.find("Wrong Type"), std::string::npos) << line;
+    }
+  }
+
+  TempDir dir;
+  std::string module;
+};
+
+bool isDescriptor(const std::string& text) { return std::regex_match(text, std::regex("[a-z][A-Za-z0-9]{0,63}")); }
+
+// ---- The demo's module
+
+TEST(MibGen, DemoModuleIsTheCheckedInFile) {
+  TempDir data;
+  zelta_demo::DemoParams demo(data.path());
+  std::string text;
+  std::string error;
+  ASSERT_TRUE(generateMibModule(demo.manager, zelta_demo::demoMibOptions(), text, error)) << error;
+  std::ifstream in(std::string(ZELTA_SOURCE_DIR) + "/examples/mibs/ZELTA-DEMO-MIB.txt");
+  std::stringstream checkedIn;
+  checkedIn << in.rdbuf();
+  EXPECT_EQ(checkedIn.str(), text) << "run: build/examples/zelta_demo --write-mib examples/mibs/ZELTA-DEMO-MIB.txt";
+}
+
+TEST(MibGen, DemoModuleLintsCleanAndNamesTheServedObjects) {
+  REQUIRE_BASE_MODULES();
+  TempDir data;
+  zelta_demo::DemoParams demo(data.path());
+  ModuleFiles files("ZELTA-DEMO-MIB");
+  std::string error;
+  ASSERT_TRUE(writeMibModule(files.file(), demo.manager, zelta_demo::demoMibOptions(), error)) << error;
+  EXPECT_EQ(files.lint(), "");
+  files.expectLoads("zeltaDemo");
+
+  int port = 0;
+  auto agent = startServingAgent(&demo.manager, port);
+  ASSERT_NE(agent, nullptr);
+  const std::string target = "127.0.0.1:" + std::to_string(port);
+  // "=" takes each type from the module: a wrong SYNTAX is refused or sent as the wrong type.
+  ToolResult set = files.netSnmp("snmpset", {"-v2c", "-c", "vorpal", target, "demoRouteStatus.7", "=", "createAndGo",
+                                             "demoRouteDest.7", "=", "10.1.0.0", "demoRouteMetric.7", "=", "3",
+                                             "demoRouteDescr.7", "=", "uplink", "demoVolume.0", "=", "42"});
+  EXPECT_EQ(set.exitCode, 0) << set.out;
+  ToolResult table = files.netSnmp("snmptable", {"-v2c", "-c", "public", "-Ci", target, "demoRouteTable"});
+  EXPECT_EQ(table.exitCode, 0) << table.out;
+  EXPECT_TRUE(std::regex_search(table.out, std::regex("index demoRouteStatus demoRouteDest demoRouteMetric "
+                                                      "demoRouteDescr\n +7 +active +10.1.0.0 +3 +\"uplink\"")))
+      << table.out;
+  files.expectWalkByName(target, "zeltaDemo");
+  agent->stop();
+  agent->waitForFinish();
+}
+
+// ---- Randomised registries
+
+// A registry of every type, with ranges and without, one- and two-column
+// indexes, read-only and writable tables, objects one to three levels below
+// the module, keys that need fixing up, some names given by the host.
+class RandomRegistry {
+ public:
+  explicit RandomRegistry(unsigned seed) : number(seed), rng(seed) {
+    options.moduleName = "ZELTA-RANDOM" + std::to_string(seed) + "-MIB";
+    options.oid = pick(2) ? "1.3.6.1.4.1.99999." + std::to_string(10 + seed) : "1.3.6.1.3.4242." + std::to_string(seed);
+    options.revisionDate = "2026-01-31";
+    if (pick(2)) options.namePrefix = "zr";
+    for (unsigned arc = 1, count = 6 + pick(6); arc <= count; ++arc) pick(3) == 0 ? addTable(arc) : addScalar(arc);
+  }
+
+  std::string identity() const { return "zeltaRandom" + std::to_string(number) + "MIB"; }
+
+  MibModuleOptions options;
+  Strings objectOids;  // where the module must have a descriptor: scalars, tables, served columns
+  std::vector<std::pair<std::string, RowIdx>> tables;  // table OID and its row
+  std::deque<ParamGroup> groups;
+  std::deque<SNMPInfo> infos;
+  std::deque<std::map<unsigned int, FieldType>> fields;
+  std::deque<TableDef> defs;
+  std::deque<Param> params;
+  ParamManager manager;
+
+ private:
+  unsigned pick(unsigned n) { return static_cast<unsigned>(rng() % n); }
+  static unsigned long bound(int value) { return static_cast<uint32_t>(value); }
+  std::pair<unsigned long, unsigned long> range(ValueType type) {
+    if (pick(3) == 0 || (type != INTEGER && type != STRING)) return {NO_RANGE, NO_RANGE};
+    const int low = type == INTEGER ? static_cast<int>(pick(200)) - 100 : static_cast<int>(pick(3));
+    return {bound(low), bound(low + static_cast<int>(pick(2000)))};
+  }
+  ValueType type() { return std::vector<ValueType>{INTEGER, STRING, IPADDRESS, TIMETICKS, LOGADDRMAIN}[pick(5)]; }
+  std::string parent(unsigned arc) {
+    std::string at = options.oid + "." + std::to_string(1 + pick(3));
+    if (pick(2)) at += "." + std::to_string(50 + pick(2));
+    return at + "." + std::to_string(arc);
+  }
+  std::string key(unsigned arc) {
+    static const Strings kKeys{"value",    "route_table",      "routeTable",
+                               "HTTPPort", "gw.addr",          "x",
+                               "ALLCAPS",  "name-with-dashes", std::string(70, 'k') + "Long",
+                               "9lives"};
+    std::string key = kKeys[pick(options.namePrefix.empty() ? 9 : 10)];
+    if (pick(2) || manager.getParams().count(key) != 0) key += std::to_string(arc);
+    if (pick(5) == 0) options.objects[key].name = "given" + std::to_string(arc);
+    if (pick(4) == 0) options.objects[key].description = "Set by the host, number " + std::to_string(arc) + ".";
+    return key;
+  }
+  void addScalar(unsigned arc) {
+    const std::string oid = parent(arc);
+    const ValueType t = type();
+    groups.emplace_back("g" + std::to_string(arc), "/nonexistent/g.txt");
+    infos.emplace_back(oid + ".0", pick(2) ? READONLY : READWRITE);
+    params.emplace_back(groups.back(), t, &infos.back(), NEVER_SAVE, range(t));
+    manager.add(key(arc), &params.back());
+    objectOids.push_back(oid);
+  }
+  void addTable(unsigned arc) {
+    const std::string oid = parent(arc);
+    const unsigned indexes = 1 + pick(2);
+    std::vector<unsigned long> indexColumns{1};
+    if (indexes == 2) indexColumns.push_back(2);
+    const unsigned status = indexes + 1;
+    auto& columns = fields.emplace_back();
+    for (unsigned column = status + 1 + pick(2), count = 1 + pick(4); count > 0; --count, column += 1 + pick(2)) {
+      const ValueType t = type();
+      auto [low, high] = range(t);
+      columns.emplace(column, FieldType(t, static_cast<unsigned>(low), static_cast<unsigned>(high)));
+    }
+    defs.emplace_back(indexColumns, status, columns, static_cast<int>(indexes));
+    Table table(&defs.back());
+    RowIdx row{1 + pick(9)};
+    if (indexes == 2) row.push_back(pick(4000000000U));
+    table.addRow(row);
+    const mib_access access = std::vector<mib_access>{READONLY, READWRITE, READCREATE}[pick(3)];
+    groups.emplace_back("t" + std::to_string(arc), "/nonexistent/t.txt");
+    infos.emplace_back(oid + ".1", access);
+    params.emplace_back(groups.back(), TABLE, Variant(table), &infos.back(), NEVER_SAVE);
+    const std::string k = key(arc);
+    manager.add(k, &params.back());
+    if (pick(2)) options.objects[k].columnNames[status] = "statusOf" + std::to_string(arc);
+    objectOids.push_back(oid);
+    objectOids.push_back(oid + ".1." + std::to_string(status));
+    for (const auto& column : columns) objectOids.push_back(oid + ".1." + std::to_string(column.first));
+    tables.emplace_back(oid, row);
+  }
+
+  unsigned number;
+  std::mt19937 rng;
+};
+
+TEST(MibGen, RandomRegistriesLintCleanAndNameWhatTheAgentServes) {
+  REQUIRE_BASE_MODULES();
+  for (unsigned seed = 1; seed <= 6; ++seed) {
+    SCOPED_TRACE("seed " + std::to_string(seed));
+    RandomRegistry registry(seed);
+    ModuleFiles files(registry.options.moduleName);
+    std::string error;
+    ASSERT_TRUE(writeMibModule(files.file(), registry.manager, registry.options, error)) << error;
+    EXPECT_EQ(files.lint(), "");
+    files.expectLoads(registry.identity());
+    // A descriptor of its own at every object's OID, none a node's name plus arcs.
+    Strings translate{"-Os"};
+    translate.insert(translate.end(), registry.objectOids.begin(), registry.objectOids.end());
+    const std::string translated = files.netSnmp("snmptranslate", translate).out;
+    Strings names = lines(translated);
+    ASSERT_EQ(names.size(), registry.objectOids.size()) << translated;
+    for (size_t i = 0; i < names.size(); ++i) EXPECT_TRUE(isDescriptor(names[i])) << registry.objectOids[i];
+
+    int port = 0;
+    auto agent = startServingAgent(&registry.manager, port);
+    ASSERT_NE(agent, nullptr);
+    const std::string target = "127.0.0.1:" + std::to_string(port);
+    files.expectWalkByName(target, registry.options.oid);
+    for (const auto& [oid, row] : registry.tables) {
+      const std::string name = lines(files.netSnmp("snmptranslate", {"-Os", oid}).out).at(0);
+      ToolResult table = files.netSnmp("snmptable", {"-v2c", "-c", "public", "-Ci", "-Cf", ",", target, name});
+      EXPECT_EQ(table.exitCode, 0) << table.out;
+      EXPECT_NE(table.out.find("\n" + Common::flatten(row).substr(1) + ","), std::string::npos) << table.out;
+    }
+    agent->stop();
+    agent->waitForFinish();
+  }
+}
+
+// ---- Names and refusals
+
+struct SmallRegistry {
+  SmallRegistry() {
+    manager.add("volume", &volume);
+    manager.add("routes", &routes);
+    options.moduleName = "ZELTA-SMALL-MIB";
+    options.oid = "1.3.6.1.4.1.99999.7";
+    options.revisionDate = "2026-01-31";
+  }
+  void addScalar(const std::string& key, const std::string& oid, Param::Range range = {NO_RANGE, NO_RANGE}) {
+    infos.emplace_back(oid, READWRITE);
+    extra.emplace_back(group, INTEGER, &infos.back(), NEVER_SAVE, range);
+    manager.add(key, &extra.back());
+  }
+  std::string generate() {
+    std::string text;
+    std::string error;
+    EXPECT_TRUE(generateMibModule(manager, options, text, error)) << error;
+    return text;
+  }
+
+  ParamGroup group{"small", "/nonexistent/small.txt"};
+  SNMPInfo volumeInfo{"1.3.6.1.4.1.99999.7.1.1.0", READWRITE};
+  Param volume{group, INTEGER, &volumeInfo, NEVER_SAVE, {0, 100}};
+  std::map<unsigned int, FieldType> routeFields{{3, FieldType(STRING, NO_RANGE, NO_RANGE)}};
+  TableDef routeDef{{1}, 2, routeFields, 1};
+  SNMPInfo routesInfo{"1.3.6.1.4.1.99999.7.2.1", READCREATE};
+  Param routes{group, TABLE, Variant(Table(&routeDef)), &routesInfo, NEVER_SAVE};
+  std::deque<SNMPInfo> infos;
+  std::deque<Param> extra;
+  ParamManager manager;
+  MibModuleOptions options;
+};
+
+TEST(MibGen, DescriptorsFromKeysAreLowerCamelCaseUniqueAndAtMost64Long) {
+  SmallRegistry small;
+  small.addScalar("route_table", "1.3.6.1.4.1.99999.7.3.1.0");
+  small.addScalar("routeTable", "1.3.6.1.4.1.99999.7.3.2.0");
+  small.addScalar("HTTPPort", "1.3.6.1.4.1.99999.7.3.3.0");
+  small.addScalar("gw.addr", "1.3.6.1.4.1.99999.7.3.4.0");
+  small.addScalar(std::string(90, 'a'), "1.3.6.1.4.1.99999.7.3.5.0");
+  std::string text = small.generate();
+  for (const std::string& name :
+       Strings{"volume", "routeTable", "routeTable2", "httpPort", "gwAddr", std::string(64, 'a'), "routesTable",
+               "routesColumn1", "routesRowStatus", "routesColumn3"})
+    EXPECT_NE(text.find("\n" + name + " OBJECT-TYPE\n"), std::string::npos) << name;
+
+  small.options.namePrefix = "zr";
+  small.addScalar("9lives", "1.3.6.1.4.1.99999.7.3.6.0");
+  text = small.generate();
+  for (const char* name : {"zrVolume", "zrRouteTable", "zrHTTPPort", "zr9lives"})
+    EXPECT_NE(text.find(std::string("\n") + name + " OBJECT-TYPE\n"), std::string::npos) << name;
+}
+
+TEST(MibGen, AnAgentsModuleHasTheEntriesAddedToItToo) {
+  SmallRegistry small;
+  SNMPInfo info{"1.3.6.1.4.1.99999.7.4.0", READONLY};
+  Param unregistered{small.group, TIMETICKS, &info, NEVER_SAVE};
+  SNMPAgent agent(&small.manager, 0);
+  agent.addEntry("sinceBoot", info.getEntry());
+  std::string text;
+  std::string error;
+  ASSERT_TRUE(generateMibModule(agent, small.options, text, error)) << error;
+  EXPECT_NE(text.find("\nsinceBoot OBJECT-TYPE\n    SYNTAX      TimeTicks\n    MAX-ACCESS  read-only\n"),
+            std::string::npos);
+  EXPECT_NE(text.find("\nvolume OBJECT-TYPE\n"), std::string::npos);
+}
+
+TEST(MibGen, WhatNoModuleCanSayIsAnErrorNamingTheObjectAndWritesNothing) {
+  struct Case {
+    const char* what;
+    std::function<void(SmallRegistry&)> change;
+    Strings expected;  // parts of the error
+  };
+  const std::vector<Case> cases{
+      {"outside the module",
+       [](SmallRegistry& s) { s.addScalar("stray", "1.3.6.1.4.1.88888.1.0"); },
+       {"'stray' at .1.3.6.1.4.1.88888.1", "outside the module's OID .1.3.6.1.4.1.99999.7"}},
+      {"at the module's conformance arc",
+       [](SmallRegistry& s) { s.options.conformanceArc = 2; },
+       {"conformance arc 2", "'routes'"}},
+      {"key without letters", [](SmallRegistry& s) { s.addScalar("__", "1.3.6.1.4.1.99999.7.3.1.0"); }, {"'__'"}},
+      {"key starting with a digit",
+       [](SmallRegistry& s) { s.addScalar("9lives", "1.3.6.1.4.1.99999.7.3.1.0"); },
+       {"'9lives'", "name prefix"}},
+      {"given name no descriptor",
+       [](SmallRegistry& s) { s.options.objects["volume"].name = "Volume_1"; },
+       {"'volume'", "Volume_1"}},
+      {"given names clash",
+       [](SmallRegistry& s) {
+         s.options.objects["volume"].name = "level";
+         s.options.objects["routes"].columnNames[3] = "level";
+       },
+       {"'routes'", "level", "'volume'"}},
+      {"column the table lacks",
+       [](SmallRegistry& s) { s.options.objects["routes"].columnNames[9] = "nine"; },
+       {"'routes'", "column 9"}},
+      {"empty range",
+       [](SmallRegistry& s) {
+         s.addScalar("empty", "1.3.6.1.4.1.99999.7.3.1.0", {10, 5});
+       },
+       {"'empty'", "range"}},
+      {"no RowStatus column", [](SmallRegistry& s) { s.routeDef.rowStatusColumn = 0; }, {"'routes'", "RowStatus"}},
+      {"bad module name", [](SmallRegistry& s) { s.options.moduleName = "zelta-mib"; }, {"zelta-mib"}},
+      {"quote in a description",
+       [](SmallRegistry& s) { s.options.objects["volume"].description = "a \"b\""; },
+       {"'volume'", "quote"}},
+  };
+  TempDir dir;
+  for (const Case& c : cases) {
+    SmallRegistry small;
+    c.change(small);
+    std::string text = "untouched";
+    std::string error;
+    EXPECT_FALSE(generateMibModule(small.manager, small.options, text, error)) << c.what;
+    EXPECT_EQ(text, "untouched") << c.what;
+    for (const std::string& part : c.expected)
+      EXPECT_NE(error.find(part), std::string::npos) << c.what << ": " << error;
+    EXPECT_FALSE(writeMibModule(dir.file("M.txt"), small.manager, small.options, error)) << c.what;
+    struct stat st;
+    EXPECT_NE(stat(dir.file("M.txt").c_str(), &st), 0) << c.what;
+  }
+}
+
+}  // namespace
+}  // namespace zelta_test
