@@ -219,7 +219,8 @@ AgentEngine::~AgentEngine() {
   }
 }
 
-bool AgentEngine::initialize(const AgentConfig& config, const std::vector<MibEntry*>& entries) {
+bool AgentEngine::initialize(const AgentConfig& config, const std::vector<MibEntry*>& entries,
+                             const std::vector<const std::string*>* keys) {
   std::lock_guard lock(agentLock());
   if (initialized || activeEngine != nullptr) {
     Log["libzelta"].append(WARNING, "AgentEngine: an SNMP agent already runs in this process, not starting another\n");
@@ -254,23 +255,32 @@ bool AgentEngine::initialize(const AgentConfig& config, const std::vector<MibEnt
   initStandardGroups(config.systemGroup);
   // Tables and other objects first: the scalar index then knows what lies
   // between its scalars.
+  auto refuse = [&](size_t position, const MibEntry* entry) {
+    const std::string* key = keys != nullptr && position < keys->size() ? (*keys)[position] : nullptr;
+    if (key != nullptr)
+      Log["libzelta"].append(ERROR, "AgentEngine: cannot publish '%s' at .%s\n", key->c_str(), entry->getOid().c_str());
+    else
+      Log["libzelta"].append(ERROR, "AgentEngine: cannot publish .%s\n", entry->getOid().c_str());
+  };
   std::vector<MibLeaf*> leaves;
-  std::vector<MibLeaf*> refused;
-  for (MibEntry* entry : entries) {
+  std::vector<size_t> leafPositions;
+  for (size_t i = 0; i < entries.size(); ++i) {
+    if (i + 8 < entries.size()) __builtin_prefetch(entries[i + 8]);
+    MibEntry* entry = entries[i];
     if (entry == nullptr) continue;
     if (auto* leaf = dynamic_cast<MibLeaf*>(entry)) {
       leaves.push_back(leaf);
+      leafPositions.push_back(i);
     } else if (entry->registerEntry()) {
       registered.push_back(entry);
     } else {
-      Log["libzelta"].append(ERROR, "AgentEngine: cannot publish %s\n", entry->describe().c_str());
+      refuse(i, entry);
     }
   }
+  std::vector<size_t> refused;  // positions in `leaves`
   scalars->build(leaves, refused);
-  for (MibLeaf* leaf : leaves)
-    if (leaf->isRegistered()) registered.push_back(leaf);
-  for (MibLeaf* leaf : refused)
-    Log["libzelta"].append(ERROR, "AgentEngine: cannot publish %s\n", leaf->describe().c_str());
+  registered.insert(registered.end(), scalars->begin(), scalars->end());
+  for (size_t position : refused) refuse(leafPositions[position], leaves[position]);
 
   // init_snmp sets LC_CTYPE from the environment; the host's setting stays.
   const char* current = setlocale(LC_CTYPE, nullptr);

@@ -67,7 +67,10 @@ class ZELTA_EXPORT AgentEngine {
   // another engine runs in the process (WARNING line); everything is then
   // cleaned up, so a later call can succeed. The entries stay owned by the
   // caller and must live until shutdown().
-  bool initialize(const AgentConfig& config, const std::vector<MibEntry*>& entries);
+  // `keys`, when given, names each entry (its parameter's key) in the ERROR
+  // line of an entry that cannot be published.
+  bool initialize(const AgentConfig& config, const std::vector<MibEntry*>& entries,
+                  const std::vector<const std::string*>* keys = nullptr);
   // One loop turn: waits up to `maxSeconds` for a request without holding the
   // lock, then processes what arrived, runs due alarms and outstanding
   // requests. Returns at once when not initialised.

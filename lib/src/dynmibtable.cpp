@@ -675,11 +675,11 @@ bool DynMibTable::registerEntry() {
   if (isRegistered()) return true;
   const std::vector<unsigned long>& entry = oidParts();
   if (entry.size() < 2 || entry.back() != 1) {
-    Log["libzelta"].append(ERROR, "DynMibTable: %s is not a table entry OID (it must end in .1)\n", describe().c_str());
+    Log["libzelta"].append(ERROR, "DynMibTable: .%s is not a table entry OID (it must end in .1)\n", getOid().c_str());
     return false;
   }
   if (definition == nullptr || rowStatusColumn == 0) {
-    Log["libzelta"].append(ERROR, "DynMibTable: %s has no RowStatus column\n", describe().c_str());
+    Log["libzelta"].append(ERROR, "DynMibTable: .%s has no RowStatus column\n", getOid().c_str());
     return false;
   }
   std::vector<unsigned int> served{rowStatusColumn};

@@ -73,6 +73,11 @@ int MibLeaf::set_value(const ::variable_list& vb) {
   return SNMP_ERR_NOERROR;
 }
 
+void MibLeaf::prefetchValue() const {
+  __builtin_prefetch(value);
+  __builtin_prefetch(value->getListener());
+}
+
 bool MibLeaf::get_request(netsnmp_agent_request_info_s* reqinfo, netsnmp_request_info_s* request) {
   if (!value->callFiller(nullptr)) {
     internal::setReadError(reqinfo, request, SNMP_ERR_RESOURCEUNAVAILABLE);

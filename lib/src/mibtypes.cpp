@@ -106,8 +106,6 @@ MibEntry::MibEntry(const std::string& text, mib_access mode) : access(static_cas
 
 MibEntry::~MibEntry() = default;
 
-std::string MibEntry::describe() const { return key.empty() ? "." + oidText : "'" + key + "' at ." + oidText; }
-
 // ---- SNMPInfo
 
 SNMPInfo::SNMPInfo(const std::string& oidText, mib_access mode) : oid(oidText), access(mode) {}

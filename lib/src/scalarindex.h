@@ -16,6 +16,7 @@
 #define ZELTA_SRC_SCALARINDEX_H_
 
 #include <cstddef>
+#include <cstdint>
 #include <vector>
 
 struct netsnmp_handler_registration_s;
@@ -33,16 +34,20 @@ class ScalarIndex {
   ScalarIndex(const ScalarIndex&) = delete;
   ScalarIndex& operator=(const ScalarIndex&) = delete;
 
-  // Registers `leaves`, after every other registration of the agent. Leaves
-  // with an OID that is invalid or taken by an earlier leaf, or that Net-SNMP
-  // cannot route to us, come back in `refused`; the others are registered.
-  // REQUIRES: agent lock held, the index empty.
-  void build(const std::vector<MibLeaf*>& leaves, std::vector<MibLeaf*>& refused);
+  // Registers `candidates`, after every other registration of the agent.
+  // Leaves with an OID that is invalid or taken by an earlier leaf, or that
+  // Net-SNMP cannot route to us, are refused: their positions in
+  // `candidates` come back in `refused`. REQUIRES: agent lock held, the index
+  // empty.
+  void build(const std::vector<MibLeaf*>& candidates, std::vector<size_t>& refused);
   // Unregisters everything. REQUIRES: agent lock held.
   void clear();
   // Drops a leaf that is being destroyed. REQUIRES: agent lock held.
   void forget(MibLeaf* leaf);
   size_t size() const { return leaves.size(); }
+  // The registered leaves, in OID order.
+  std::vector<MibLeaf*>::const_iterator begin() const { return leaves.begin(); }
+  std::vector<MibLeaf*>::const_iterator end() const { return leaves.end(); }
 
   // The Net-SNMP handler of every registration; internal.
   struct Handler;
@@ -54,11 +59,22 @@ class ScalarIndex {
   MibLeaf* find(const unsigned long* name, size_t length) const;
   // The leaf whose OID is a prefix of `name`, or null.
   MibLeaf* below(const unsigned long* name, size_t length) const;
+  // Asks memory early for what a GET of `requests` reads.
+  void prefetch(netsnmp_request_info_s* requests) const;
   // Answers one GET or GETNEXT binding.
   void get(netsnmp_agent_request_info_s* reqinfo, netsnmp_request_info_s* request) const;
   void getNext(netsnmp_agent_request_info_s* reqinfo, netsnmp_request_info_s* request) const;
 
-  std::vector<MibLeaf*> leaves;  // sorted by OID
+  // An open-addressing table of the leaves by OID, for exact lookups.
+  struct Slot {
+    uint64_t hash = 0;
+    MibLeaf* leaf = nullptr;
+  };
+  static uint64_t hash(const unsigned long* name, size_t length);
+  void rehash();
+
+  std::vector<MibLeaf*> leaves;  // sorted by OID, for GETNEXT
+  std::vector<Slot> slots;       // twice as many as leaves, at least 16
   std::vector<netsnmp_handler_registration_s*> roots;
 };
 

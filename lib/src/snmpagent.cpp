@@ -82,8 +82,14 @@ bool SNMPAgent::initializeAgent() {
   config.sysLocation = options.sysLocation;
   config.persistentDir = options.persistentDir;
   std::vector<MibEntry*> toServe;
-  for (auto& [key, entry] : entries) toServe.push_back(const_cast<MibEntry*>(entry));
-  if (!engine->initialize(config, toServe)) {
+  std::vector<const std::string*> keys;
+  toServe.reserve(entries.size());
+  keys.reserve(entries.size());
+  for (auto& [key, entry] : entries) {
+    toServe.push_back(const_cast<MibEntry*>(entry));
+    keys.push_back(&key);
+  }
+  if (!engine->initialize(config, toServe, &keys)) {
     Log["libzelta"].append(WARNING, "SNMPAgent: SNMP cannot listen on port %d\n", options.port);
     return false;
   }
@@ -99,7 +105,13 @@ void SNMPAgent::forEachPublished(const std::function<void(const std::string&, Mi
     if (entry != nullptr && access != NOACCESS) visit(key, entry, access);
   };
   if (manager != nullptr) {
-    for (auto& [key, param] : manager->getParams()) {
+    // The parameters lie all over the heap: asking for the ones a few steps
+    // ahead keeps a large registry from waiting on memory at every step.
+    const auto& params = manager->getParams();
+    auto ahead = params.begin();
+    for (int i = 0; i < 4 && ahead != params.end(); ++i) ++ahead;
+    for (auto& [key, param] : params) {
+      if (ahead != params.end()) __builtin_prefetch((ahead++)->second);
       if (param == nullptr || param->getSnmpInfo() == nullptr) continue;
       SNMPInfo* info = param->getSnmpInfo();
       publish(key, info->getEntry(), info->getAccess());
@@ -120,7 +132,6 @@ void SNMPAgent::initMib() {
   readOnlyCount = 0;
   readWriteCount = 0;
   forEachPublished([&](const std::string& key, MibEntry* entry, mib_access access) {
-    entry->key = key;
     entries.emplace_back(key, entry);
     if (access == READONLY) {
       ++readOnlyCount;

@@ -60,16 +60,11 @@ class ZELTA_EXPORT MibEntry {
   bool isRegistered() const { return registration != nullptr; }
   // Sub-identifiers of the OID; empty when the text is not a valid OID.
   const std::vector<unsigned long>& oidParts() const { return oidSubIds; }
-  // The key the agent publishes the object under (the parameter's key), for
-  // log lines; "" until an agent has taken it.
-  const std::string& getKey() const { return key; }
 
  protected:
   MibEntry(const std::string& oid, mib_access access);
 
   void storeAccess(mib_access mode) { access.store(static_cast<int>(mode)); }
-  // Where log lines name the object: "'key' at .oid", or ".oid" alone.
-  std::string describe() const;
 
   // Registers the object's handler with the agent. REQUIRES: agent lock held,
   // agent initialising. False (with an ERROR line) when Net-SNMP refuses.
@@ -83,9 +78,7 @@ class ZELTA_EXPORT MibEntry {
  private:
   friend class AgentEngine;
   friend class ScalarIndex;
-  friend class SNMPAgent;
 
-  std::string key;
   std::string oidText;
   std::vector<unsigned long> oidSubIds;
   std::atomic<int> access;
@@ -171,6 +164,8 @@ class ZELTA_EXPORT MibLeaf : public MibEntry, public IAccessModeChangeable {
   int set_value(const ::variable_list& vb);
   // Runs the filler and answers the request; false when the filler refused.
   bool get_request(netsnmp_agent_request_info_s* reqinfo, netsnmp_request_info_s* request);
+  // Asks memory for the bound value and its owner before a request reads them.
+  void prefetchValue() const;
 
  protected:
   // Bounds: value bounds of an integer, length bounds of a string.
