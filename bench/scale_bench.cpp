@@ -22,6 +22,7 @@
 #include <string>
 #include <vector>
 
+#include "../tests/ber.h"
 #include "../tests/loopback.h"
 #include "zelta/logging.h"
 #include "zelta/parammanager.h"
@@ -95,44 +96,6 @@ struct Serving {
   double startSeconds = 0;
 };
 
-// ---- A GET of many OIDs over a UDP socket (SNMPv2c, community "public")
-
-std::string tlv(int tag, const std::string& content) {
-  std::string out(1, static_cast<char>(tag));
-  std::string length;
-  for (size_t n = content.size(); n != 0; n >>= 8) length.insert(length.begin(), static_cast<char>(n & 0xff));
-  if (content.size() < 128)
-    out += static_cast<char>(content.size());
-  else
-    out += static_cast<char>(0x80 | length.size()) + length;
-  return out + content;
-}
-
-std::string berInt(uint32_t v) {
-  std::string bytes;
-  do {
-    bytes.insert(bytes.begin(), static_cast<char>(v & 0xff));
-    v >>= 8;
-  } while (v != 0);
-  if (static_cast<unsigned char>(bytes[0]) & 0x80) bytes.insert(bytes.begin(), '\0');
-  return tlv(0x02, bytes);
-}
-
-std::string berOid(const std::string& dotted) {
-  std::vector<unsigned long> ids;
-  for (const char* p = dotted.c_str(); *p != '\0';) {
-    ids.push_back(strtoul(p, const_cast<char**>(&p), 10));
-    if (*p == '.') ++p;
-  }
-  std::string out(1, static_cast<char>(ids[0] * 40 + ids[1]));
-  for (size_t i = 2; i < ids.size(); ++i) {
-    std::string sub(1, static_cast<char>(ids[i] & 0x7f));
-    for (unsigned long v = ids[i] >> 7; v != 0; v >>= 7) sub.insert(sub.begin(), static_cast<char>(0x80 | (v & 0x7f)));
-    out += sub;
-  }
-  return tlv(0x06, out);
-}
-
 // Varbinds per second of GETs of `kOidsPerRequest` random scalars of
 // `published`, for about `seconds`; 0 when a request went unanswered.
 double randomGetRate(int port, int published, double seconds) {
@@ -144,13 +107,10 @@ double randomGetRate(int port, int published, double seconds) {
   const auto start = Clock::now();
   double elapsed = 0;
   while (elapsed < seconds) {
-    std::string bindings;
+    std::vector<std::string> oids;
     for (int i = 0; i < kOidsPerRequest; ++i)
-      bindings +=
-          tlv(0x30, berOid(scalarOid(static_cast<int>(random() % static_cast<unsigned>(published)))) + tlv(0x05, ""));
-    const std::string packet =
-        tlv(0x30, berInt(1) + tlv(0x04, "public") +
-                      tlv(0xA0, berInt(++requestId) + berInt(0) + berInt(0) + tlv(0x30, bindings)));
+      oids.push_back(scalarOid(static_cast<int>(random() % static_cast<unsigned>(published))));
+    const std::string packet = zelta_test::getRequest(oids, ++requestId);
     pollfd answer{fd, POLLIN, 0};
     char reply[8192];
     if (send(fd, packet.data(), packet.size(), 0) < 0 || poll(&answer, 1, 2000) != 1 ||

@@ -7,6 +7,7 @@
 #include <sstream>
 #include <stdexcept>
 
+#include "ber.h"
 #include "snmp_fixture.h"
 #include "zelta/common.h"
 
@@ -65,21 +66,6 @@ class RecordingListener final : public IChangeListener {
   int validations = 0;
   Strings fills, changes;
 };
-
-// Just enough BER to build requests the tools refuse to encode.
-
-std::string tlv(int tag, const std::string& content) {  // up to 65535 bytes
-  const char n[] = {'\x82', static_cast<char>(content.size() >> 8), static_cast<char>(content.size())};
-  return static_cast<char>(tag) + (content.size() < 128 ? std::string(1, n[2]) : std::string(n, 3)) + content;
-}
-std::string berInt(uint16_t v) { return tlv(0x02, {static_cast<char>(v >> 8), static_cast<char>(v)}); }
-std::string berOid(const std::vector<uint64_t>& ids) {
-  std::string out(1, static_cast<char>(ids[0] * 40 + ids[1]));
-  for (size_t i = 2; i < ids.size(); ++i)
-    for (int shift = 63; shift >= 0; shift -= 7)
-      if (shift == 0 || ids[i] >> shift != 0) out += static_cast<char>((shift ? 0x80 : 0) | ((ids[i] >> shift) & 0x7f));
-  return tlv(0x06, out);
-}
 
 // A parameter stand-in served at kBase.1.n.0 by a leaf of the type given as as<Leaf>.
 template <class Leaf>
