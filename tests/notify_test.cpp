@@ -15,7 +15,7 @@
 namespace zelta_test {
 namespace {
 
-const std::string kChangeOid = ".1.3.6.1.4.1.99999.0.1";
+const std::string kChangeOid = "." + zelta_demo::kChangeNotification;
 const std::string kColdStart = ".1.3.6.1.6.3.1.1.5.1";
 const std::string kHostname = ".1.3.6.1.4.1.99999.1.1.1.0";
 const std::string kVolume = ".1.3.6.1.4.1.99999.1.1.2.0";
