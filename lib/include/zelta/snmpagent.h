@@ -1,6 +1,7 @@
 // The SNMP agent of the library: a thread of its own that opens a UDP port and
 // serves the SNMP object of every published parameter of a ParamManager, with
-// the standard snmp, target, notification and system groups.
+// the standard snmp, target, notification and system groups, and sends
+// coldStart and change notifications (README, "Notifications").
 //
 // Thread safety: stop() may be called from any host thread at any time.
 // start(), waitForFinish() and the destructor may be called from any host
@@ -8,7 +9,8 @@
 // every validator, filler and post-set hook reached over SNMP, runs on the
 // agent thread with the library lock held (see param.h). getEntries() is
 // filled by the agent thread: read it once isRunning() is true or after
-// waitForFinish(). addEntry() belongs to the time before start(). One agent
+// waitForFinish(). addEntry() belongs to the time before start(). The
+// notifyChange() calls may come from any thread at any time. One agent
 // runs per process at a time; a second start() while one runs fails with a
 // WARNING.
 #ifndef ZELTA_SNMPAGENT_H_
