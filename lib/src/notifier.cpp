@@ -194,13 +194,18 @@ void Notifier::flush() {
   if (!pending.empty()) {
     // Attempts whose wait ran out, also when requests kept the loop busy.
     snmp_timeout();
-    for (auto& [id, inform] : pending)
-      if (inform.resendDue) sendInform_nolock(id, inform);
-    for (auto it = pending.begin(); it != pending.end();) {
-      if (it->second.pdu == nullptr) {
-        it = pending.erase(it);
-      } else {
-        ++it;
+    // Only a turn in which an inform was answered or timed out looks at
+    // them all: the others cost no more with many pending.
+    if (informsDue) {
+      informsDue = false;
+      for (auto& [id, inform] : pending)
+        if (inform.resendDue) sendInform_nolock(id, inform);
+      for (auto it = pending.begin(); it != pending.end();) {
+        if (it->second.pdu == nullptr) {
+          it = pending.erase(it);
+        } else {
+          ++it;
+        }
       }
     }
   }
@@ -359,6 +364,7 @@ void Notifier::sendInform_nolock(long id, Inform& inform) {
   if (snmp_async_send(targets[inform.target].session, attempt, informCallback, reinterpret_cast<void*>(id)) == 0) {
     snmp_free_pdu(attempt);
     inform.resendDue = true;  // tried again after the next turn
+    informsDue = true;
   }
 }
 
@@ -393,6 +399,7 @@ int Notifier::informCallback(int op, ::snmp_session* /*session*/, int /*reqid*/,
   auto it = self->pending.find(reinterpret_cast<long>(magic));
   if (it == self->pending.end() || it->second.pdu == nullptr) return 1;  // dropped meanwhile
   Inform& inform = it->second;
+  self->informsDue = true;
   switch (op) {
     case NETSNMP_CALLBACK_OP_RECEIVED_MESSAGE:
       if (pdu != nullptr && pdu->command == SNMP_MSG_RESPONSE) {

@@ -107,6 +107,7 @@ class ZELTA_EXPORT Notifier {
   size_t maxPending = 0;
   std::vector<Change> queued;
   std::map<long, Inform> pending;  // by id, so the oldest comes first
+  bool informsDue = false;         // an inform was answered or needs another attempt
   long nextId = 1;
   size_t dropped = 0;     // pending informs dropped for room, not yet logged
   size_t unanswered = 0;  // informs given up after their retries, not yet logged
