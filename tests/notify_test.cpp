@@ -214,7 +214,8 @@ TEST_F(NotifyTest, TrapsAndInformsArriveAndAReceiverThatStartsLateGetsItsInforms
                         .out,
                     kHostname),
             "STRING: \"zelta-demo\"");
-  EXPECT_LT(std::chrono::steady_clock::now() - before, std::chrono::milliseconds(900));
+  // Waiting on that inform would take its 20 s of retries.
+  EXPECT_LT(std::chrono::steady_clock::now() - before, std::chrono::seconds(5));
   EXPECT_EQ(set({kHostname, "s", "alpha"}).exitCode, 0);
 
   Strings kinds;
