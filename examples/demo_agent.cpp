@@ -1,10 +1,13 @@
 // The demo agent: what a device's control program does with libzelta.
 // It declares parameters of every type, among them a routing table with
 // RowStatus (demo_params.h), keeps them in two group files under a data
-// directory, loads them and serves them over SNMP until Ctrl-C. With
+// directory, loads them and serves them over SNMP until Ctrl-C. A change of
+// the host name, volume, gateway or routing table is told to the receivers
+// given with --notify (SNMPv2c traps) and --inform (SNMPv2c informs). With
 // --write-mib it writes its MIB module instead.
 //
-//   zelta_demo [--port N] [--address A] [--data-dir D] [--log-level debug|verbose] [--write-mib FILE]
+//   zelta_demo [--port N] [--address A] [--data-dir D] [--log-level debug|verbose]
+//              [--notify HOST:PORT]... [--inform HOST:PORT]... [--write-mib FILE]
 #include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -15,6 +18,7 @@
 #include <ctime>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include <zelta/zelta.h>
 
@@ -31,11 +35,14 @@ void onSignal(int) { stopRequested = 1; }
 
 void usage(const char* program) {
   printf(
-      "usage: %s [--port N] [--address A] [--data-dir D] [--log-level LEVEL] [--write-mib FILE]\n"
+      "usage: %s [--port N] [--address A] [--data-dir D] [--log-level LEVEL] [--notify HOST:PORT]...\n"
+      "          [--inform HOST:PORT]... [--write-mib FILE]\n"
       "  --port N         UDP port to serve SNMP on (default 16161)\n"
       "  --address A      IPv4 address to listen on (default 127.0.0.1)\n"
       "  --data-dir D     where the group files live (default ./demo-data, created)\n"
       "  --log-level L    info (default), debug or verbose\n"
+      "  --notify H:P     send coldStart and change notifications to H:P as SNMPv2c traps (community public)\n"
+      "  --inform H:P     the same as SNMPv2c informs, retried until acknowledged\n"
       "  --write-mib F    write the demo's MIB module (ZELTA-DEMO-MIB) to F and exit\n",
       program);
 }
@@ -48,6 +55,7 @@ int main(int argc, char** argv) {
   std::string dataDir = "./demo-data";
   std::string level = "info";
   std::string mibFile;
+  std::vector<NotifyTarget> receivers;
   for (int i = 1; i < argc; ++i) {
     std::string arg = argv[i];
     bool hasValue = i + 1 < argc;
@@ -62,6 +70,18 @@ int main(int argc, char** argv) {
       dataDir = argv[++i];
     } else if (arg == "--log-level" && hasValue) {
       level = argv[++i];
+    } else if ((arg == "--notify" || arg == "--inform") && hasValue) {
+      const std::string target = argv[++i];
+      const size_t colon = target.rfind(':');
+      NotifyTarget receiver;
+      receiver.address = target.substr(0, colon);
+      receiver.port = colon == std::string::npos ? 162 : atoi(target.c_str() + colon + 1);
+      receiver.inform = arg == "--inform";
+      if (receiver.address.empty() || receiver.port <= 0 || receiver.port > 65535) {
+        fprintf(stderr, "zelta_demo: bad receiver '%s' (HOST:PORT)\n", target.c_str());
+        return 2;
+      }
+      receivers.push_back(receiver);
     } else if (arg == "--write-mib" && hasValue) {
       mibFile = argv[++i];
     } else {
@@ -98,6 +118,10 @@ int main(int argc, char** argv) {
   options.port = port;
   options.listenAddress = address;
   options.sysDescr = "libzelta demo agent";
+  options.notifyTargets = receivers;
+  options.changeNotificationOid = zelta_demo::kChangeNotification;
+  for (SNMPInfo* info : {&demo.hostnameInfo, &demo.volumeInfo, &demo.gatewayInfo, &demo.routesInfo})
+    info->getEntry()->setChangeNotification(true);
   SNMPAgent agent(&manager, options);
   agent.start();
   printf("zelta_demo: serving SNMP on %s:%d (communities public/vorpal), files in %s; Ctrl-C stops\n", address.c_str(),

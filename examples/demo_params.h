@@ -18,6 +18,8 @@ using namespace Quorvel::Kvan::SNMP;
 
 // Our subtree: an enterprise number reserved for documentation and tests.
 inline const std::string kBase = "1.3.6.1.4.1.99999.1";
+// snmpTrapOID of the demo's change notifications.
+inline const std::string kChangeNotification = kBase + ".0.1";
 
 inline uint8_t* firstAddress() {
   static uint8_t address[8];
@@ -110,7 +112,11 @@ inline MibModuleOptions demoMibOptions() {
   options.headerComment =
       "Written by zelta_demo from its parameters: change the demo and write it again rather than edit it.";
   options.namePrefix = "demo";
-  options.nodeNames = {{kBase + ".1", "demoSystem"}};
+  options.nodeNames = {{kBase + ".0", "zeltaDemoNotifications"}, {kBase + ".1", "demoSystem"}};
+  options.notifications = {{"demoChange", kChangeNotification,
+                            "A manager or the device changed an object: the bindings after snmpTrapOID.0 are the "
+                            "changed instance and its new value (a row's RowStatus for a row created, activated, "
+                            "deactivated or destroyed)."}};
   options.objects["hostname"].description = "Host name; 1 to 32 characters.";
   options.objects["volume"].description = "Volume, 0 to 100; applied by a post-set hook.";
   options.objects["uptime"].description = "Time since the demo started, computed by a filler.";

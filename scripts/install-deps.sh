@@ -3,7 +3,7 @@
 # any is missing. Extra package names may be given as arguments.
 set -euo pipefail
 
-packages=(cmake g++ make pkg-config file dpkg-dev libgtest-dev libgmock-dev libbenchmark-dev libsnmp-dev snmp snmpd
+packages=(cmake g++ make pkg-config file dpkg-dev libgtest-dev libgmock-dev libbenchmark-dev libsnmp-dev snmp snmpd snmptrapd
   clang libclang-rt-14-dev smitools "$@")
 # The MIB module tests fetch the IETF base modules with npm: any npm will do.
 command -v npm >/dev/null 2>&1 || packages+=(npm)
@@ -29,5 +29,8 @@ fi
 echo "install-deps: installing ${missing[*]}"
 $sudo apt-get update -qq
 DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
-# The stock daemon is only a test peer: never leave it running on port 161.
-if command -v service >/dev/null 2>&1; then $sudo service snmpd stop >/dev/null 2>&1 || true; fi
+# The stock daemons are only test peers: never leave them running on ports 161 and 162.
+if command -v service >/dev/null 2>&1; then
+  $sudo service snmpd stop >/dev/null 2>&1 || true
+  $sudo service snmptrapd stop >/dev/null 2>&1 || true
+fi

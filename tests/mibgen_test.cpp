@@ -359,6 +359,16 @@ TEST(MibGen, WhatNoModuleCanSayIsAnErrorNamingTheObjectAndWritesNothing) {
        {"'empty'", "range"}},
       {"no RowStatus column", [](SmallRegistry& s) { s.routeDef.rowStatusColumn = 0; }, {"'routes'", "RowStatus"}},
       {"bad module name", [](SmallRegistry& s) { s.options.moduleName = "zelta-mib"; }, {"zelta-mib"}},
+      {"notification outside the module",
+       [](SmallRegistry& s) {
+         s.options.notifications = {{"moved", "1.3.6.1.4.1.88888.0.1", ""}};
+       },
+       {"notification moved", "below the module's OID"}},
+      {"notification on an object",
+       [](SmallRegistry& s) {
+         s.options.notifications = {{"clash", "1.3.6.1.4.1.99999.7.1.1.0.1", ""}};
+       },
+       {"notification clash", "meets"}},
       {"quote in a description",
        [](SmallRegistry& s) { s.options.objects["volume"].description = "a \"b\""; },
        {"'volume'", "quote"}},

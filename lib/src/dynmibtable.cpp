@@ -12,6 +12,7 @@
 #include <cstring>
 
 #include "agentengine.h"
+#include "notifier.h"
 #include "trace.h"
 #include "valuecodec.h"
 #include "zelta/common.h"
@@ -304,6 +305,12 @@ void DynMibTable::commit_set_request(netsnmp_agent_request_info_s* reqinfo, void
         it = rows.find(indexes);
         if (it != rows.end()) row_activated(indexes, it->second);
       }
+      for (const PendingCell& c : pendingRow.cells)
+        Notifier::committed_nolock(*this, *c.request->requestvb, reqinfo->asp, c.request->index);
+      it = rows.find(indexes);
+      Notifier::committedStatus_nolock(*this, *pendingRow.statusRequest->requestvb,
+                                       it != rows.end() ? it->second.rowStatus : kDestroy, reqinfo->asp,
+                                       pendingRow.statusRequest->index);
       continue;
     }
     for (const PendingCell& c : pendingRow.cells) {
@@ -318,6 +325,7 @@ void DynMibTable::commit_set_request(netsnmp_agent_request_info_s* reqinfo, void
         continue;
       }
       notify("set row field value", indexes, kCellSet, static_cast<int>(c.cell.column));
+      Notifier::committed_nolock(*this, *c.request->requestvb, reqinfo->asp, c.request->index);
     }
     auto it = rows.find(indexes);
     if (it == rows.end()) continue;
@@ -327,6 +335,12 @@ void DynMibTable::commit_set_request(netsnmp_agent_request_info_s* reqinfo, void
       row_deactivated(indexes, it->second);
     } else if (pendingRow.status == kDestroy) {
       row_delete(indexes);
+    }
+    if (pendingRow.status != 0) {
+      it = rows.find(indexes);
+      Notifier::committedStatus_nolock(*this, *pendingRow.statusRequest->requestvb,
+                                       it != rows.end() ? it->second.rowStatus : kDestroy, reqinfo->asp,
+                                       pendingRow.statusRequest->index);
     }
   }
 }

@@ -237,6 +237,12 @@ struct Object {
   std::vector<unsigned int> index;
 };
 
+struct Notification {
+  std::string name;
+  std::string description;
+  Oid oid;
+};
+
 struct Published {
   std::string key;
   const MibEntry* entry;
@@ -266,6 +272,7 @@ class Generator {
         fail(objects[i].owner + (objects[i].oid == objects[i - 1].oid ? " has the OID of " : " lies inside ") +
              objects[i - 1].owner);
     }
+    collectNotifications();
     placeNodes();
     nameEverything();
     return render();
@@ -418,8 +425,29 @@ class Generator {
     for (auto& [number, column] : columns) object.columns.push_back(column);
   }
 
+  void collectNotifications() {
+    for (const MibNotificationText& given : options.notifications) {
+      Notification n;
+      n.name = given.name;
+      n.description = given.description.empty() ? "Sent by the agent." : given.description;
+      const std::string owner = "notification " + given.name;
+      if (!isDescriptor(n.name)) fail("notification name '" + n.name + "' is no descriptor");
+      checkText(given.description, owner + ": the description");
+      if (!internal::parseOid(given.oid, n.oid) || n.oid.size() <= moduleOid.size() || !startsWith(n.oid, moduleOid))
+        fail(owner + ": OID '" + given.oid + "' does not lie below the module's OID");
+      for (const Object& object : objects) {
+        if (startsWith(n.oid, object.oid) || startsWith(object.oid, n.oid))
+          fail(owner + ": OID " + dotted(n.oid) + " meets " + object.owner);
+      }
+      for (const Notification& other : notifications)
+        if (other.oid == n.oid) fail(owner + " has the OID of notification " + other.name);
+      notifications.push_back(std::move(n));
+    }
+  }
+
   // Every OID level between SNMPv2-SMI's node and the module, and between the
-  // module and its objects, gets a node; then the conformance part.
+  // module and its objects and notifications, gets a node; then the
+  // conformance part.
   void placeNodes() {
     for (size_t len = root.second.size() + 1; len < moduleOid.size(); ++len)
       nodes.emplace(Oid(moduleOid.begin(), moduleOid.begin() + static_cast<long>(len)), "");
@@ -428,6 +456,11 @@ class Generator {
       highest = std::max(highest, object.oid[moduleOid.size()]);
       for (size_t len = moduleOid.size() + 1; len < object.oid.size(); ++len)
         nodes.emplace(Oid(object.oid.begin(), object.oid.begin() + static_cast<long>(len)), "");
+    }
+    for (const Notification& n : notifications) {
+      highest = std::max(highest, n.oid[moduleOid.size()]);
+      for (size_t len = moduleOid.size() + 1; len < n.oid.size(); ++len)
+        nodes.emplace(Oid(n.oid.begin(), n.oid.begin() + static_cast<long>(len)), "");
     }
     unsigned long arc = options.conformanceArc;
     if (arc == 0) {
@@ -440,6 +473,10 @@ class Generator {
       if (object.oid[moduleOid.size()] == arc)
         fail("conformance arc " + std::to_string(arc) + " is taken by " + object.owner);
     }
+    for (const Notification& n : notifications) {
+      if (n.oid[moduleOid.size()] == arc)
+        fail("conformance arc " + std::to_string(arc) + " is taken by notification " + n.name);
+    }
   }
 
   void nameEverything() {
@@ -447,6 +484,8 @@ class Generator {
     names.take(identity, "the MODULE-IDENTITY");
     for (const char* suffix : {"Conformance", "Groups", "Compliances", "ObjectGroup", "Compliance"})
       names.take(identity + suffix, "the conformance part");
+    if (!notifications.empty()) names.take(identity + "NotificationGroup", "the conformance part");
+    for (const Notification& n : notifications) names.take(n.name, "notification " + n.name);
     // The host's names first, so that made-up names step aside for them.
     for (Object& object : objects) {
       if (object.text != nullptr && !object.text->name.empty()) {
@@ -614,12 +653,14 @@ class Generator {
 
   std::string renderImports() const {
     std::vector<std::string> smi{"MODULE-IDENTITY", "OBJECT-TYPE"};
+    if (!notifications.empty()) smi.push_back("NOTIFICATION-TYPE");
     for (const char* type : {"Integer32", "Unsigned32", "IpAddress", "TimeTicks"})
       if (imports.count(type) != 0) smi.push_back(type);
     if (root.first != std::string("iso")) smi.push_back(root.first);
     std::string out = "IMPORTS\n" + list("    ", smi, "") + "        FROM SNMPv2-SMI\n";
     if (imports.count("RowStatus") != 0) out += "    RowStatus\n        FROM SNMPv2-TC\n";
-    return out + "    MODULE-COMPLIANCE, OBJECT-GROUP\n        FROM SNMPv2-CONF;\n";
+    return out + "    MODULE-COMPLIANCE, OBJECT-GROUP" + (notifications.empty() ? "" : ", NOTIFICATION-GROUP") +
+           "\n        FROM SNMPv2-CONF;\n";
   }
 
   std::string render() const {
@@ -660,6 +701,12 @@ class Generator {
         if (!column.isIndex) members.push_back(column.name);
     }
     for (; node != nodes.end(); ++node) out += "\n" + node->second + " OBJECT IDENTIFIER " + assignment(node->first);
+    std::vector<std::string> notificationNames;
+    for (const Notification& n : notifications) {
+      out += "\n" + n.name + " NOTIFICATION-TYPE\n    STATUS      current\n    DESCRIPTION\n" +
+             quoted(n.description, 8) + "\n    " + assignment(n.oid);
+      notificationNames.push_back(n.name);
+    }
 
     const std::string conformance = identity + "Conformance";
     out += "\n" + conformance + " OBJECT IDENTIFIER " + assignment(conformanceOid);
@@ -668,10 +715,17 @@ class Generator {
     out += identity + "ObjectGroup OBJECT-GROUP\n" + list("    OBJECTS     { ", members, " }") +
            "    STATUS      current\n    DESCRIPTION\n" + quoted("The objects the agent publishes.", 8) +
            "\n    ::= { " + identity + "Groups 1 }\n\n";
+    std::string groups = identity + "ObjectGroup";
+    if (!notifications.empty()) {
+      out += identity + "NotificationGroup NOTIFICATION-GROUP\n" +
+             list("    NOTIFICATIONS { ", notificationNames, " }") + "    STATUS      current\n    DESCRIPTION\n" +
+             quoted("The notifications the agent sends.", 8) + "\n    ::= { " + identity + "Groups 2 }\n\n";
+      groups += ", " + identity + "NotificationGroup";
+    }
     out += identity + "Compliance MODULE-COMPLIANCE\n    STATUS      current\n    DESCRIPTION\n" +
            quoted("An agent that publishes every object of this module.", 8) +
-           "\n    MODULE      -- this module\n        MANDATORY-GROUPS { " + identity + "ObjectGroup }\n    ::= { " +
-           identity + "Compliances 1 }\n\nEND\n";
+           "\n    MODULE      -- this module\n        MANDATORY-GROUPS { " + groups + " }\n    ::= { " + identity +
+           "Compliances 1 }\n\nEND\n";
     return out;
   }
 
@@ -681,6 +735,7 @@ class Generator {
   std::string identity;
   std::vector<Object> objects;
   std::map<Oid, std::string> nodes;  // the OBJECT IDENTIFIER levels and their names
+  std::vector<Notification> notifications;
   Oid conformanceOid;
   std::set<std::string> imports;  // base types and textual conventions in use
   Names names;

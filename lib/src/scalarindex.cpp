@@ -6,6 +6,7 @@
 #include <map>
 
 #include "agentengine.h"
+#include "notifier.h"
 #include "scalarindex.h"
 #include "zelta/mibtypes.h"
 
@@ -62,6 +63,8 @@ struct ScalarIndex::Handler {
           if (MibLeaf* leaf = index->find(vb->name, vb->name_length)) {
             if (leaf->set_value(*vb) != SNMP_ERR_NOERROR)
               netsnmp_set_request_error(reqinfo, request, SNMP_ERR_COMMITFAILED);
+            else if (leaf->get_access() >= READWRITE)
+              Notifier::committed_nolock(*leaf, *vb, reqinfo->asp, request->index);
           }
           break;
         default:

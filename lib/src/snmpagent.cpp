@@ -5,18 +5,22 @@
 
 #include "agentengine.h"
 #include "liblock.h"
+#include "notifier.h"
 #include "zelta/logging.h"
 #include "zelta/parammanager.h"
 
 namespace Quorvel::Kvan::SNMP {
 
 SNMPAgent::SNMPAgent(ParamManager* paramManager, int port)
-    : manager(paramManager), engine(std::make_unique<AgentEngine>()) {
+    : manager(paramManager), engine(std::make_unique<AgentEngine>()), notifier(std::make_unique<Notifier>()) {
   options.port = port;
 }
 
 SNMPAgent::SNMPAgent(ParamManager* paramManager, const Options& agentOptions)
-    : options(agentOptions), manager(paramManager), engine(std::make_unique<AgentEngine>()) {}
+    : options(agentOptions),
+      manager(paramManager),
+      engine(std::make_unique<AgentEngine>()),
+      notifier(std::make_unique<Notifier>()) {}
 
 SNMPAgent::~SNMPAgent() {
   // The owner stops and joins first; a forgotten join must not abort the
@@ -49,6 +53,36 @@ void SNMPAgent::waitForFinish() {
 
 void SNMPAgent::addEntry(const std::string& key, MibEntry* entry) { extraEntries.emplace_back(key, entry); }
 
+bool SNMPAgent::notifyChange(const MibEntry& entry) {
+  bool queued = false;
+  {
+    LibraryLockGuard lock(libraryMutex());
+    queued = Notifier::leafChange_nolock(entry);
+  }
+  if (queued) engine->wakeUp();
+  return queued;
+}
+
+bool SNMPAgent::notifyChange(const DynMibTable& table, const std::vector<unsigned long>& index, unsigned int column) {
+  bool queued = false;
+  {
+    LibraryLockGuard lock(libraryMutex());
+    queued = Notifier::cellChange_nolock(table, index, column);
+  }
+  if (queued) engine->wakeUp();
+  return queued;
+}
+
+bool SNMPAgent::notifyRowStatus(const DynMibTable& table, const std::vector<unsigned long>& index) {
+  bool queued = false;
+  {
+    LibraryLockGuard lock(libraryMutex());
+    queued = Notifier::rowChange_nolock(table, index);
+  }
+  if (queued) engine->wakeUp();
+  return queued;
+}
+
 void SNMPAgent::handleRequests() {
   if (!initializeAgent()) {
     Log["libzelta"].append(WARNING, "SNMPAgent: Cannot initialize SNMP Agent!\n");
@@ -56,7 +90,13 @@ void SNMPAgent::handleRequests() {
     return;
   }
   running = !stopRequested;
-  while (running && !stopRequested) engine->serveOnce(2);
+  notifier->start(options);
+  notifier->flush();
+  while (running && !stopRequested) {
+    engine->serveOnce(2);
+    notifier->flush();
+  }
+  notifier->stop();
   engine->shutdown();
   running = false;
   // Written when the loop ends, not when it starts: log readers know it so.

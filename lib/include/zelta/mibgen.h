@@ -5,8 +5,9 @@
 // module with its MODULE-IDENTITY, the OBJECT IDENTIFIER levels down to the
 // objects, one OBJECT-TYPE per scalar, the table, entry, SEQUENCE and columns
 // of each table (index columns not-accessible, the RowStatus column as
-// SNMPv2-TC's RowStatus), and an OBJECT-GROUP and MODULE-COMPLIANCE that list
-// every accessible object. SYNTAX is the one the agent checks SET values
+// SNMPv2-TC's RowStatus), the NOTIFICATION-TYPEs the host names, and an
+// OBJECT-GROUP, NOTIFICATION-GROUP and MODULE-COMPLIANCE that list every
+// accessible object and notification. SYNTAX is the one the agent checks SET values
 // against.
 //
 // Thread safety: the functions only read the registry, the published objects
@@ -18,6 +19,7 @@
 
 #include <map>
 #include <string>
+#include <vector>
 
 #include "zelta/export.h"
 
@@ -40,9 +42,17 @@ struct MibObjectText {
   std::map<unsigned int, std::string> columnDescriptions;  // a table's column DESCRIPTIONs by column number
 };
 
+// One notification the agent sends, as a NOTIFICATION-TYPE; e.g. the change
+// notification of SNMPAgent::Options::changeNotificationOid. It names no
+// OBJECTS: a change notification carries whichever object changed.
+struct MibNotificationText {
+  std::string name;         // descriptor
+  std::string oid;          // dotted, below the module's OID and apart from its objects (ideally ending in .0.N)
+  std::string description;  // DESCRIPTION; "" = "Sent by the agent."
+};
+
 // The module as a whole. Fields are only ever added, each with a default, so
-// set them by name: the module's notifications (NOTIFICATION-TYPE and their
-// NOTIFICATION-GROUP) are to come as one more list here.
+// set them by name.
 struct MibModuleOptions {
   std::string moduleName;           // e.g. "ACME-ROUTER-MIB": an upper-case letter, then letters, digits, hyphens
   std::string oid;                  // dotted OID of the MODULE-IDENTITY; every published object lies below it
@@ -64,6 +74,9 @@ struct MibModuleOptions {
   // Arc below the module's OID that holds the conformance part (groups and
   // compliance). 0 = one past the highest arc the objects use.
   unsigned int conformanceArc = 0;
+  // The notifications the agent sends: each a NOTIFICATION-TYPE, together a
+  // NOTIFICATION-GROUP that the MODULE-COMPLIANCE makes mandatory too.
+  std::vector<MibNotificationText> notifications;
 };
 
 // The module for every object `manager` publishes: each parameter with SNMP

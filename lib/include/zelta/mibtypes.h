@@ -43,6 +43,7 @@ namespace Quorvel::Kvan::SNMP {
 enum mib_access { NOACCESS = 0, READONLY = 1, READWRITE = 2, READCREATE = 3 };
 
 class AgentEngine;
+class Notifier;
 
 // Base of every published object: its OID, its access and how it registers
 // with the agent. Objects are tied to their address (Net-SNMP points at
@@ -60,6 +61,12 @@ class ZELTA_EXPORT MibEntry {
   bool isRegistered() const { return registration != nullptr; }
   // Sub-identifiers of the OID; empty when the text is not a valid OID.
   const std::vector<unsigned long>& oidParts() const { return oidSubIds; }
+  // Opts the object in to change notifications: every change of it that a
+  // SET commits (a value, a cell, a row's RowStatus) is sent to the agent's
+  // notification targets, once per changed binding. Off by default; any
+  // thread, also while the agent runs.
+  void setChangeNotification(bool on) { changeNotification.store(on); }
+  bool sendsChangeNotification() const { return changeNotification.load(); }
 
  protected:
   MibEntry(const std::string& oid, mib_access access);
@@ -82,6 +89,7 @@ class ZELTA_EXPORT MibEntry {
   std::string oidText;
   std::vector<unsigned long> oidSubIds;
   std::atomic<int> access;
+  std::atomic<bool> changeNotification{false};
 };
 
 // Lets the host change an object's access at run time; the next request
@@ -174,6 +182,8 @@ class ZELTA_EXPORT MibLeaf : public MibEntry, public IAccessModeChangeable {
 
   bool registerEntry() override;
   void unregisterEntry() override;
+
+  friend class Notifier;  // reads the value of a change the host reports
 
   Variant* value;
   ValueType type;
@@ -352,6 +362,7 @@ class ZELTA_EXPORT DynMibTable : public MibEntry, public IAccessModeChangeable {
 
  private:
   friend struct Handler;
+  friend class Notifier;  // reads the row of a change the host reports
 
   // Handler steps, on the agent thread with the agent lock held. `pending`
   // is the PDU's set of changes for this table.

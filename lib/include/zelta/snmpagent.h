@@ -1,6 +1,7 @@
 // The SNMP agent of the library: a thread of its own that opens a UDP port and
 // serves the SNMP object of every published parameter of a ParamManager, with
-// the standard snmp, target, notification and system groups.
+// the standard snmp, target, notification and system groups, and sends
+// coldStart and change notifications (README, "Notifications").
 //
 // Thread safety: stop() may be called from any host thread at any time.
 // start(), waitForFinish() and the destructor may be called from any host
@@ -8,7 +9,8 @@
 // every validator, filler and post-set hook reached over SNMP, runs on the
 // agent thread with the library lock held (see param.h). getEntries() is
 // filled by the agent thread: read it once isRunning() is true or after
-// waitForFinish(). addEntry() belongs to the time before start(). One agent
+// waitForFinish(). addEntry() belongs to the time before start(). The
+// notifyChange() calls may come from any thread at any time. One agent
 // runs per process at a time; a second start() while one runs fails with a
 // WARNING.
 #ifndef ZELTA_SNMPAGENT_H_
@@ -30,6 +32,24 @@ class ParamManager;
 
 namespace SNMP {
 class AgentEngine;
+class Notifier;
+
+// Where the agent sends its notifications besides the targets a manager
+// configures in SNMP-TARGET-MIB and SNMP-NOTIFICATION-MIB. SNMPv2c unless
+// v3User is set; SNMPv3 uses SHA authentication and, with a privacy
+// passphrase, AES privacy.
+struct NotifyTarget {
+  std::string address = "127.0.0.1";  // IPv4 address or host name (resolved once, at start)
+  int port = 162;                     // UDP port of the receiver
+  bool inform = false;                // confirmed (InformRequest) rather than SNMPv2-Trap
+  std::string community = "public";   // SNMPv2c community
+  std::string v3User;                 // SNMPv3 USM user; "" = SNMPv2c
+  std::string v3AuthPassphrase;       // at least 8 characters when v3User is set
+  std::string v3PrivPassphrase;       // "" = authNoPriv
+  std::string v3EngineId;             // receiver's engine ID in hex ("0x8000..."), needed for v3 informs
+  int timeoutMs = 1000;               // an inform's wait for its acknowledgement, per attempt
+  int retries = 3;                    // an inform's further attempts after the first
+};
 
 // Serves the published parameters of a ParamManager over SNMP.
 class ZELTA_EXPORT SNMPAgent {
@@ -50,6 +70,9 @@ class ZELTA_EXPORT SNMPAgent {
     std::string sysContact;                   // system.sysContact
     std::string sysLocation;                  // system.sysLocation
     std::string persistentDir;                // where the engine may keep state; "" = a private temporary directory
+    std::vector<NotifyTarget> notifyTargets;  // receivers of coldStart and change notifications
+    std::string changeNotificationOid;        // snmpTrapOID of change notifications; "" = none are sent
+    size_t maxPendingInforms = 256;           // unacknowledged informs kept for retries; the oldest go first
   };
 
   // No I/O: the port is opened by the agent thread.
@@ -81,6 +104,19 @@ class ZELTA_EXPORT SNMPAgent {
   std::vector<std::pair<std::string, MibEntry*>> publishedEntries() const;
   const std::vector<std::pair<std::string, const MibEntry*>>& getEntries() const { return entries; }
 
+  // A change the device made itself (front panel, own logic), told to the
+  // notification receivers as if a manager had SET it: the object's instance
+  // and its value now. Any thread; the value is read at the call and the
+  // notification leaves from the agent thread. False, and nothing sent, when
+  // the agent does not run, no change notification OID is set, the object has
+  // not opted in (MibEntry::setChangeNotification) or it has no such instance.
+  // A scalar leaf:
+  bool notifyChange(const MibEntry& entry);
+  // One cell of a table row:
+  bool notifyChange(const DynMibTable& table, const std::vector<unsigned long>& index, unsigned int column);
+  // A row's RowStatus now; destroy(6) for a row that no longer exists.
+  bool notifyRowStatus(const DynMibTable& table, const std::vector<unsigned long>& index);
+
  private:
   void handleRequests();
   bool initializeAgent();
@@ -94,6 +130,7 @@ class ZELTA_EXPORT SNMPAgent {
   ParamManager* manager;
   std::unique_ptr<std::thread> thread;
   std::unique_ptr<AgentEngine> engine;
+  std::unique_ptr<Notifier> notifier;
   int readOnlyCount = 0;
   int readWriteCount = 0;
   std::vector<std::pair<std::string, MibEntry*>> extraEntries;
