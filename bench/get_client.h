@@ -8,72 +8,37 @@
 #include <unistd.h>
 
 #include <cstdint>
-#include <cstdlib>
 #include <string>
 #include <vector>
 
+#include "../tests/ber.h"
 #include "../tests/loopback.h"
 
 namespace zelta_bench {
 
-inline std::string tlv(int tag, const std::string& content) {
-  std::string out(1, static_cast<char>(tag));
-  size_t n = content.size();
-  if (n < 128) {
-    out += static_cast<char>(n);
-  } else {
-    std::string bytes;
-    for (; n != 0; n >>= 8) bytes.insert(bytes.begin(), static_cast<char>(n & 0xff));
-    out += static_cast<char>(0x80 | bytes.size());
-    out += bytes;
-  }
-  return out + content;
-}
-
-inline std::string berInt(uint32_t v) {
-  std::string bytes;
-  do {
-    bytes.insert(bytes.begin(), static_cast<char>(v & 0xff));
-    v >>= 8;
-  } while (v != 0);
-  if (static_cast<unsigned char>(bytes[0]) & 0x80) bytes.insert(bytes.begin(), '\0');
-  return tlv(0x02, bytes);
-}
-
-inline std::string berOid(const char* dotted) {
-  std::vector<unsigned long> ids;
-  for (const char* p = dotted; *p != '\0';) {
-    ids.push_back(strtoul(p, const_cast<char**>(&p), 10));
-    if (*p == '.') ++p;
-  }
-  std::string out(1, static_cast<char>(ids[0] * 40 + ids[1]));
-  for (size_t i = 2; i < ids.size(); ++i) {
-    std::string sub(1, static_cast<char>(ids[i] & 0x7f));
-    for (unsigned long v = ids[i] >> 7; v != 0; v >>= 7) sub.insert(sub.begin(), static_cast<char>(0x80 | (v & 0x7f)));
-    out += sub;
-  }
-  return tlv(0x06, out);
-}
-
 class GetClient {
  public:
-  GetClient(int port, const char* oid) : fd(zelta_test::connectedSocket(port)), name(berOid(oid)) {}
+  GetClient(int port, const char* oid) : fd(zelta_test::connectedSocket(port)), oids{oid} {}
   ~GetClient() {
     if (fd >= 0) close(fd);
   }
-  // One GET and its answer; false after a second without one.
-  bool get() {
-    std::string pdu = berInt(++requestId) + berInt(0) + berInt(0) + tlv(0x30, tlv(0x30, name + tlv(0x05, "")));
-    std::string packet = tlv(0x30, berInt(1) + tlv(0x04, "public") + tlv(0xA0, pdu));
+  GetClient(const GetClient&) = delete;
+  GetClient& operator=(const GetClient&) = delete;
+
+  // One GET of the client's OID and its answer; false after a second without one.
+  bool get() { return get(oids); }
+  // One GET of `names` and its answer; false after a second without one.
+  bool get(const std::vector<std::string>& names) {
+    const std::string packet = zelta_test::getRequest(names, ++requestId);
     if (fd < 0 || send(fd, packet.data(), packet.size(), 0) < 0) return false;
     pollfd p{fd, POLLIN, 0};
-    char reply[1500];
+    char reply[8192];
     return poll(&p, 1, 1000) == 1 && recv(fd, reply, sizeof reply, 0) > 0;
   }
 
  private:
   int fd;
-  std::string name;
+  std::vector<std::string> oids;
   uint32_t requestId = 0;
 };
 

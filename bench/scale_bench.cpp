@@ -10,7 +10,6 @@
 // least 0.9x those with 10, at most 1 kB per scalar.
 #include <benchmark/benchmark.h>
 #include <malloc.h>
-#include <poll.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -22,8 +21,8 @@
 #include <string>
 #include <vector>
 
-#include "../tests/ber.h"
 #include "../tests/loopback.h"
+#include "get_client.h"
 #include "zelta/logging.h"
 #include "zelta/parammanager.h"
 #include "zelta/snmpagent.h"
@@ -99,10 +98,8 @@ struct Serving {
 // Varbinds per second of GETs of `kOidsPerRequest` random scalars of
 // `published`, for about `seconds`; 0 when a request went unanswered.
 double randomGetRate(int port, int published, double seconds) {
-  int fd = zelta_test::connectedSocket(port);
-  if (fd < 0) return 0;
+  zelta_bench::GetClient client(port, "");
   std::mt19937 random(7);
-  uint32_t requestId = 0;
   long varbinds = 0;
   const auto start = Clock::now();
   double elapsed = 0;
@@ -110,18 +107,10 @@ double randomGetRate(int port, int published, double seconds) {
     std::vector<std::string> oids;
     for (int i = 0; i < kOidsPerRequest; ++i)
       oids.push_back(scalarOid(static_cast<int>(random() % static_cast<unsigned>(published))));
-    const std::string packet = zelta_test::getRequest(oids, ++requestId);
-    pollfd answer{fd, POLLIN, 0};
-    char reply[8192];
-    if (send(fd, packet.data(), packet.size(), 0) < 0 || poll(&answer, 1, 2000) != 1 ||
-        recv(fd, reply, sizeof reply, 0) <= 0) {
-      close(fd);
-      return 0;
-    }
+    if (!client.get(oids)) return 0;
     varbinds += kOidsPerRequest;
     elapsed = std::chrono::duration<double>(Clock::now() - start).count();
   }
-  close(fd);
   return varbinds / elapsed;
 }
 
