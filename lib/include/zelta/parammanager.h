@@ -5,8 +5,9 @@
 // one thread, before the SNMP agent starts. operator[] and getParams() only
 // read the registry and may be called from any thread afterwards.
 // saveAllGroups() may be called from any thread, hooks included.
-// loadFromFile() writes each line's values under the library lock, so it may
-// run while the agent serves requests.
+// loadFromFile() writes the values of each piece of the file it reads (16 KiB,
+// whole lines) under the library lock, so it may run while the agent serves
+// requests, which then see each line's values whole.
 #ifndef ZELTA_PARAMMANAGER_H_
 #define ZELTA_PARAMMANAGER_H_
 
