@@ -5,11 +5,13 @@
 #include <memory>
 #include <thread>
 
+#include "test_util.h"
 #include "zelta/common.h"
 
 using Quorvel::Kvan::Common::DelayedExecution;
 using Clock = std::chrono::steady_clock;
 using namespace std::chrono_literals;
+using zelta_test::waitFor;
 
 namespace {
 
@@ -30,53 +32,32 @@ std::function<void()> counting(std::shared_ptr<Probe> probe) {
   };
 }
 
-bool waitUntil(const std::function<bool()>& done, std::chrono::milliseconds limit) {
-  for (auto end = Clock::now() + limit; Clock::now() < end; std::this_thread::sleep_for(10ms))
-    if (done()) return true;
-  return done();
-}
-
 }  // namespace
 
-// Workers are never joined, so each test's object is never destroyed: a
-// worker that outlives a failed test still finds it.
-
-TEST(DelayedExecution, OneChangeCallsTheLatestCallbackOnceThenRearms) {
+// The worker is never joined, so the object is never destroyed: a worker that
+// outlives a failed test still finds it.
+TEST(DelayedExecution, ABurstGivesOneCallOfTheLatestCallbackAfterTheLastChangeThenRearms) {
   static auto& delayed = *new DelayedExecution;
   auto first = std::make_shared<Probe>(), second = std::make_shared<Probe>();
   delayed.setCallback(counting(first));
+  for (int i = 0; i < 6; ++i) {  // changes at 0, 0.5, ... 2.5 s
+    if (i > 0) std::this_thread::sleep_for(500ms);
+    delayed.onChange();
+    if (i == 3) delayed.setCallback(counting(second));  // during the countdown
+  }
   auto start = Clock::now();
-  delayed.onChange();
   EXPECT_TRUE(delayed.isRunning());
-  std::this_thread::sleep_for(500ms);
-  delayed.setCallback(counting(second));  // during the countdown
-
-  ASSERT_TRUE(waitUntil([&] { return !delayed.isRunning(); }, 4s));
+  EXPECT_EQ(first->calls + second->calls, 0);
+  ASSERT_TRUE(waitFor([&] { return !delayed.isRunning(); }, 4000ms));
   EXPECT_EQ(first->calls, 0);
   ASSERT_EQ(second->calls, 1);
-  EXPECT_GT(second->secondsSince(start), 1.5);
-  EXPECT_LT(second->secondsSince(start), 3.5);
+  EXPECT_GT(second->secondsSince(start), 0.5);
+  EXPECT_LT(second->secondsSince(start), 3.0);
 
   // A change after the call starts a new round.
   start = Clock::now();
   delayed.onChange();
-  ASSERT_TRUE(waitUntil([&] { return second->calls == 2 && !delayed.isRunning(); }, 4s));
+  ASSERT_TRUE(waitFor([&] { return second->calls == 2 && !delayed.isRunning(); }, 4000ms));
   EXPECT_GT(second->secondsSince(start), 1.5);
   EXPECT_LT(second->secondsSince(start), 3.5);
-}
-
-TEST(DelayedExecution, BurstGivesOneCallAfterTheLastChange) {
-  static auto& delayed = *new DelayedExecution;
-  auto probe = std::make_shared<Probe>();
-  delayed.setCallback(counting(probe));
-  for (int i = 0; i < 6; ++i) {  // changes at 0, 0.5, ... 2.5 s
-    if (i > 0) std::this_thread::sleep_for(500ms);
-    delayed.onChange();
-  }
-  auto last = Clock::now();
-  EXPECT_EQ(probe->calls, 0);
-  ASSERT_TRUE(waitUntil([&] { return !delayed.isRunning(); }, 4s));
-  ASSERT_EQ(probe->calls, 1);
-  EXPECT_GT(probe->secondsSince(last), 0.5);
-  EXPECT_LT(probe->secondsSince(last), 3.0);
 }
