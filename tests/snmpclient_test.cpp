@@ -1,5 +1,6 @@
-// SNMPClient against Debian's snmpd and against our own agent, and against a
-// socket that plays the agent for what real ones do not send.
+// SNMPClient against Debian's snmpd, and against a socket that plays the agent
+// for what real ones do not send. Against our own agent in the same process
+// it runs in stress_test.
 #include <poll.h>
 #include <signal.h>
 #include <spawn.h>
@@ -8,8 +9,6 @@
 #include <sstream>
 
 #include "snmp_fixture.h"
-#include "zelta/parammanager.h"
-#include "zelta/snmpagent.h"
 #include "zelta/snmpclient.h"
 
 using namespace zelta_test;
@@ -19,6 +18,9 @@ namespace {
 
 constexpr char kSysDescr[] = "1.3.6.1.2.1.1.1.0";
 constexpr char kSysUpTime[] = "1.3.6.1.2.1.1.3.0";
+// sysContact and sysLocation: writable while the configuration does not fix them.
+constexpr char kContact[] = "1.3.6.1.2.1.1.4.0";
+constexpr char kLocation[] = "1.3.6.1.2.1.1.6.0";
 
 double secondsSince(Clock::time_point start) { return std::chrono::duration<double>(Clock::now() - start).count(); }
 
@@ -30,14 +32,9 @@ void onFourThreads(const std::function<void()>& fn) {
 
 // Debian's snmpd on a free port of 127.0.0.1 and ::1, configured and kept in a
 // temporary directory (no /etc/snmp, no /var/lib/snmp), stopped by PID.
-class StockSnmpd {
- public:
-  // sysContact and sysLocation: writable while the configuration does not fix them.
-  static constexpr const char* kWritableOid = "1.3.6.1.2.1.1.4.0";
-  static constexpr const char* kOtherWritableOid = "1.3.6.1.2.1.1.6.0";
-  static constexpr bool kIpv6 = true;
-
-  ~StockSnmpd() {
+class SNMPClientAgainstSnmpd : public ::testing::Test {
+ protected:
+  ~SNMPClientAgainstSnmpd() override {
     if (pid > 0 && !exited()) kill(pid, SIGKILL), waitpid(pid, nullptr, 0);
   }
   bool start(const std::string& rw) {
@@ -59,55 +56,16 @@ class StockSnmpd {
     ADD_FAILURE() << dir.read("log");
     return false;
   }
-  int port = 0;
-
- private:
   bool exited() {
     if (!reaped && waitpid(pid, nullptr, WNOHANG) == pid) reaped = true;
     return reaped;
   }
 
   TempDir dir;  // removed after the destructor's body has stopped snmpd
+  int port = 0;
   pid_t pid = -1;
   bool reaped = false;
 };
-
-// Our own SNMPAgent in this process (sharing Net-SNMP and its lock with the client).
-class OwnAgent {
- public:
-  static constexpr const char* kWritableOid = "1.3.6.1.4.1.99999.8.1.0";
-  static constexpr const char* kOtherWritableOid = "1.3.6.1.4.1.99999.8.2.0";
-  static constexpr bool kIpv6 = false;
-
-  ~OwnAgent() {
-    if (agent) agent->stop(), agent->waitForFinish();
-  }
-  bool start(const std::string& rw) {
-    manager.add("contact", &contact);
-    manager.add("location", &location);
-    SNMPAgent::Options options;
-    options.rwCommunity = rw;
-    agent = zelta_test::startServingAgent(&manager, port, options);
-    return agent != nullptr;
-  }
-  int port = 0;
-
- private:
-  TempDir dir;
-  ParamGroup group{"client", dir.file("client.txt")};
-  SNMPInfo contactInfo{kWritableOid, READWRITE}, locationInfo{kOtherWritableOid, READWRITE};
-  Param contact{group, STRING, &contactInfo, NEVER_SAVE}, location{group, STRING, &locationInfo, NEVER_SAVE};
-  ParamManager manager;
-  std::unique_ptr<SNMPAgent> agent;
-};
-
-template <class Agent>
-class SNMPClientAgainst : public ::testing::Test {
- protected:
-  Agent agent;
-};
-using Agents = ::testing::Types<StockSnmpd, OwnAgent>;
-TYPED_TEST_SUITE(SNMPClientAgainst, Agents);
 
 // A UDP socket on a free port of 127.0.0.1 where no agent answers.
 struct UdpSocket {
@@ -136,9 +94,8 @@ struct UdpSocket {
 
 }  // namespace
 
-TYPED_TEST(SNMPClientAgainst, GetsByAddressAndNameSetsBothBindingsAndServesFourThreads) {
-  ASSERT_TRUE(this->agent.start("vorpal"));
-  const int port = this->agent.port;
+TEST_F(SNMPClientAgainstSnmpd, GetsByAddressAndNameSetsBothBindingsAndServesFourThreads) {
+  ASSERT_TRUE(start("vorpal"));
   Vb descr, upTime;
   std::string text;
   uint32_t ticks = 0;
@@ -148,13 +105,13 @@ TYPED_TEST(SNMPClientAgainst, GetsByAddressAndNameSetsBothBindingsAndServesFourT
   ASSERT_TRUE(SNMPClient::get("localhost", port, std::string(".") + kSysUpTime, upTime));
   EXPECT_TRUE(upTime.getSyntax() == Vb::SYNTAX_TIMETICKS && upTime.getUnsigned(ticks));
   EXPECT_EQ(upTime.getOid(), kSysUpTime);
-  EXPECT_TRUE(!TypeParam::kIpv6 || SNMPClient::get("::1", port, kSysDescr, descr));  // our agent has IPv4 only
+  EXPECT_TRUE(SNMPClient::get("::1", port, kSysDescr, descr));
 
-  Vb vb(TypeParam::kOtherWritableOid);
+  Vb vb(kLocation);
   vb.setString("zelta");
-  ASSERT_TRUE(SNMPClient::set("127.0.0.1", port, TypeParam::kWritableOid, vb));
-  EXPECT_EQ(vb.getOid(), TypeParam::kWritableOid);
-  for (const char* oid : {TypeParam::kWritableOid, TypeParam::kOtherWritableOid})
+  ASSERT_TRUE(SNMPClient::set("127.0.0.1", port, kContact, vb));
+  EXPECT_EQ(vb.getOid(), kContact);
+  for (const char* oid : {kContact, kLocation})
     EXPECT_TRUE(SNMPClient::get("127.0.0.1", port, oid, vb) && vb.getString(text) && text == "zelta") << oid;
 
   std::atomic<int> done{0};
@@ -165,13 +122,13 @@ TYPED_TEST(SNMPClientAgainst, GetsByAddressAndNameSetsBothBindingsAndServesFourT
 }
 
 // SNMPv1 has no exception values: the agent answers noSuchName instead.
-TYPED_TEST(SNMPClientAgainst, AbsentOrReadOnlyObjectFailsWithNoSuchName) {
-  ASSERT_TRUE(this->agent.start("vorpal"));
+TEST_F(SNMPClientAgainstSnmpd, AbsentOrReadOnlyObjectFailsWithNoSuchName) {
+  ASSERT_TRUE(start("vorpal"));
   Vb vb(kSysDescr);
   vb.setInteger(7);
   std::string log = captureLog(WARNING, [&] {
-    EXPECT_FALSE(SNMPClient::get("127.0.0.1", this->agent.port, "1.3.6.1.2.1.1.99.0", vb));
-    EXPECT_FALSE(SNMPClient::set("127.0.0.1", this->agent.port, kSysDescr, vb));
+    EXPECT_FALSE(SNMPClient::get("127.0.0.1", port, "1.3.6.1.2.1.1.99.0", vb));
+    EXPECT_FALSE(SNMPClient::set("127.0.0.1", port, kSysDescr, vb));
   });
   EXPECT_PRED_FORMAT2(testing::IsSubstring, "SNMPClient: get(1.3.6.1.2.1.1.99.0) failed, error '(noSuchName)", log);
   EXPECT_PRED_FORMAT2(testing::IsSubstring, "SNMPClient: set(1.3.6.1.2.1.1.1.0) failed\n", log);
@@ -179,11 +136,11 @@ TYPED_TEST(SNMPClientAgainst, AbsentOrReadOnlyObjectFailsWithNoSuchName) {
   EXPECT_TRUE(vb.getInteger(left) && left == 7);  // a failed get leaves vb alone
 }
 
-TYPED_TEST(SNMPClientAgainst, WrongCommunityIsDroppedAndTimesOut) {
-  ASSERT_TRUE(this->agent.start("other"));
+TEST_F(SNMPClientAgainstSnmpd, WrongCommunityIsDroppedAndTimesOut) {
+  ASSERT_TRUE(start("other"));
   Vb vb;
   auto start = Clock::now();
-  EXPECT_FALSE(SNMPClient::get("127.0.0.1", this->agent.port, kSysDescr, vb));
+  EXPECT_FALSE(SNMPClient::get("127.0.0.1", port, kSysDescr, vb));
   EXPECT_GT(secondsSince(start), 1.5);
   EXPECT_LT(secondsSince(start), 5);
 }
