@@ -6,9 +6,6 @@
 
 #include <algorithm>
 
-#include <fstream>
-#include <sstream>
-
 #include "demo_params.h"
 #include "snmp_fixture.h"
 
@@ -37,9 +34,9 @@ struct Received {
 class TrapReceiver {
  public:
   explicit TrapReceiver(int port) : port_(port) {
-    std::ofstream(dir_.path() + "/trapd.conf") << "disableAuthorization yes\n"
-                                                  "engineID zeltatrapd\n"
-                                                  "createUser tuser SHA authpass123 AES privpass123\n";
+    dir_.write("trapd.conf",
+               "disableAuthorization yes\nengineID zeltatrapd\n"
+               "createUser tuser SHA authpass123 AES privpass123\n");
     const std::string log = dir_.path() + "/log";
     pid_ = fork();
     if (pid_ == 0) {
@@ -52,7 +49,7 @@ class TrapReceiver {
       _exit(127);
     }
     // It logs its version once the port is open.
-    waitFor([&] { return text().find("NET-SNMP version") != std::string::npos; }, std::chrono::seconds(10));
+    waitFor([&] { return dir_.read("log").find("NET-SNMP version") != std::string::npos; }, std::chrono::seconds(10));
   }
   ~TrapReceiver() {
     if (pid_ > 0) {
@@ -65,26 +62,14 @@ class TrapReceiver {
 
   std::vector<Received> received() const {
     std::vector<Received> out;
-    std::istringstream lines(text());
-    for (std::string line; std::getline(lines, line);) {
-      size_t bar = line.find('|');
+    const std::string upTime = ".1.3.6.1.2.1.1.3.0 = Timeticks", trapOid = ".1.3.6.1.6.3.1.1.4.1.0 = OID: ";
+    for (const std::string& line : Common::split(dir_.read("log"), '\n')) {
+      const size_t bar = line.find('|');
       if (bar == std::string::npos) continue;
-      Received r;
-      r.pdu = line.substr(0, bar);
-      std::string rest = line.substr(bar + 1);
-      for (size_t at = 0; at <= rest.size();) {
-        size_t end = rest.find('~', at);
-        if (end == std::string::npos) end = rest.size();
-        r.bindings.push_back(rest.substr(at, end - at));
-        at = end + 1;
-      }
       // sysUpTime.0 first, then snmpTrapOID.0.
-      if (r.bindings.size() < 2 || r.bindings[0].rfind(".1.3.6.1.2.1.1.3.0 = Timeticks", 0) != 0) continue;
-      const std::string prefix = ".1.3.6.1.6.3.1.1.4.1.0 = OID: ";
-      if (r.bindings[1].rfind(prefix, 0) != 0) continue;
-      r.trapOid = r.bindings[1].substr(prefix.size());
-      r.bindings.erase(r.bindings.begin(), r.bindings.begin() + 2);
-      out.push_back(std::move(r));
+      const Strings b = Common::split(line.substr(bar + 1), '~');
+      if (b.size() >= 2 && b[0].rfind(upTime, 0) == 0 && b[1].rfind(trapOid, 0) == 0)
+        out.push_back({line.substr(0, bar), b[1].substr(trapOid.size()), Strings(b.begin() + 2, b.end())});
     }
     return out;
   }
@@ -96,11 +81,6 @@ class TrapReceiver {
   int port() const { return port_; }
 
  private:
-  std::string text() const {
-    std::ifstream in(dir_.path() + "/log");
-    return std::string(std::istreambuf_iterator<char>(in), {});
-  }
-
   TempDir dir_;
   int port_;
   pid_t pid_ = -1;
@@ -137,16 +117,19 @@ class NotifyTest : public ::testing::Test {
       agent->waitForFinish();
     }
   }
-  ToolResult set(const Strings& triples) {
-    Strings args{
-        "snmpset", "-v", "2c", "-c", "vorpal", "-On", "-t", "2", "-r", "1", "127.0.0.1:" + std::to_string(port)};
-    args.insert(args.end(), triples.begin(), triples.end());
+  ToolResult snmp(const std::string& tool, const Strings& rest) {
+    Strings args{tool, "-v", "2c", "-c", tool == "snmpset" ? "vorpal" : "public", "-On",
+                 "-t", "2",  "-r", "1",  "127.0.0.1:" + std::to_string(port)};
+    args.insert(args.end(), rest.begin(), rest.end());
     return runTool(args);
   }
-  static NotifyTarget target(int receiverPort, bool inform = false) {
+  ToolResult set(const Strings& triples) { return snmp("snmpset", triples); }
+  // A patient target retries its informs every 200 ms for 20 s.
+  static NotifyTarget target(int receiverPort, bool inform = false, bool patient = false) {
     NotifyTarget t;
     t.port = receiverPort;
     t.inform = inform;
+    if (patient) t.timeoutMs = 200, t.retries = 100;
     return t;
   }
 
@@ -202,18 +185,11 @@ TEST_F(NotifyTest, TrapsAndInformsArriveAndAReceiverThatStartsLateGetsItsInforms
   v3.v3AuthPassphrase = "authpass123";
   v3.v3PrivPassphrase = "privpass123";
   v3.v3EngineId = kTrapdEngineId;
-  NotifyTarget late = target(latePort, true);
-  late.timeoutMs = 200;
-  late.retries = 100;
-  start({target(receiver.port()), target(receiver.port(), true), v3, late});
+  start({target(receiver.port()), target(receiver.port(), true), v3, target(latePort, true, true)});
 
   // Nobody answers the late target's informs: the agent still answers at once.
   const auto before = std::chrono::steady_clock::now();
-  EXPECT_EQ(valueOf(runTool({"snmpget", "-v", "2c", "-c", "public", "-On", "-t", "1", "-r", "0",
-                             "127.0.0.1:" + std::to_string(port), kHostname})
-                        .out,
-                    kHostname),
-            "STRING: \"zelta-demo\"");
+  EXPECT_EQ(valueOf(snmp("snmpget", {kHostname}).out, kHostname), "STRING: \"zelta-demo\"");
   // Waiting on that inform would take its 20 s of retries.
   EXPECT_LT(std::chrono::steady_clock::now() - before, std::chrono::seconds(5));
   EXPECT_EQ(set({kHostname, "s", "alpha"}).exitCode, 0);
@@ -233,10 +209,7 @@ TEST_F(NotifyTest, TrapsAndInformsArriveAndAReceiverThatStartsLateGetsItsInforms
 
 TEST_F(NotifyTest, PendingInformsAreBoundedAndTheOldestGo) {
   const int latePort = freeUdpPort();
-  NotifyTarget late = target(latePort, true);
-  late.timeoutMs = 200;
-  late.retries = 100;
-  start({late}, 2);
+  start({target(latePort, true, true)}, 2);
   // Logged as the drops happen, at most every few seconds with a count, and
   // at stop.
   std::string log = captureLog(WARNING, [&] {
