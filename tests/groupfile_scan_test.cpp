@@ -18,6 +18,7 @@
 
 namespace {
 
+namespace Common = Quorvel::Kvan::Common;
 using zelta_test::ScanOracle;
 
 // Lines as the writer makes them, and as hands and bit rot make them.
@@ -43,18 +44,11 @@ class LineMaker {
     return kOdd[pick(sizeof kOdd)];  // the terminating NUL included
   }
   std::string triplet() {
-    std::string t =
-        std::to_string(pick(12)) + ":" + std::to_string(std::vector<int>{2, 4, 64, 67, 4, 99}[pick(6)]) + ":";
-    switch (pick(4)) {
-      case 0:
-        return t + std::to_string(static_cast<int64_t>(random() % 10000000000ull) - 5000000000ll);
-      case 1:
-        return t + "\"Front door \\x22A\\x22 " + std::to_string(pick(100)) + "\"";
-      case 2:
-        return t + "10." + std::to_string(pick(256)) + ".0.1";
-      default:
-        return t + "\"\"";
-    }
+    const std::string values[] = {std::to_string(static_cast<int64_t>(random() % 10000000000ull) - 5000000000ll),
+                                  "\"Front door \\x22A\\x22 " + std::to_string(pick(100)) + "\"",
+                                  "10." + std::to_string(pick(256)) + ".0.1", "\"\""};
+    return std::to_string(pick(12)) + ":" + std::to_string(std::vector<int>{2, 4, 64, 67, 4, 99}[pick(6)]) + ":" +
+           values[pick(4)];
   }
   std::string valid() {
     static const char* kKeys[] = {"volume", "label", "routes", "a", "x9", "A1b2", ""};
@@ -64,27 +58,20 @@ class LineMaker {
     for (size_t n = 1 + pick(4); n > 0; --n) line += triplet() + " ";
     return line;
   }
+  // Inserts, replaces or erases at a random place.
   void mutate(std::string& line) {
-    const size_t at = pick(line.size() + 1);
-    switch (pick(3)) {
-      case 0:
-        line.insert(at, 1, odd());
-        break;
-      case 1:
-        if (at < line.size()) line[at] = odd();
-        break;
-      default:
-        if (at < line.size()) line.erase(at, 1 + pick(3));
-        break;
-    }
+    const size_t at = pick(line.size() + 1), how = pick(3);
+    if (how == 0) line.insert(at, 1, odd());
+    if (how == 1 && at < line.size()) line[at] = odd();
+    if (how == 2 && at < line.size()) line.erase(at, 1 + pick(3));
   }
 
   std::mt19937_64 random;
 };
 
 // A million generated lines (in shards of an eighth, four per locale, that
-// ctest runs side by side), the fuzz corpus and the worked example: same
-// verdict, same sub-matches, for both patterns. Under emulation a tenth of
+// ctest runs side by side) and the fuzz corpus, a worked example among it:
+// same verdict, same sub-matches, for both patterns. Under emulation a tenth of
 // the lines is enough to check the target's build of the same code.
 #ifdef ZELTA_EMULATED
 const int kLinesPerShard = 12500;
@@ -103,42 +90,28 @@ class ScannerAgreesWithRegexec : public testing::TestWithParam<std::tuple<const 
   }
 };
 
-TEST_P(ScannerAgreesWithRegexec, OnGeneratedLinesTheCorpusAndTheWorkedExample) {
+TEST_P(ScannerAgreesWithRegexec, OnGeneratedLinesAndTheCorpus) {
   ScanOracle oracle;  // compiled in the locale under test
   int failures = 0;
   const int shard = std::get<1>(GetParam());
-  LineMaker maker(static_cast<uint64_t>(shard) * 2 + (std::string(std::get<0>(GetParam())) == "C" ? 0 : 1));
+  LineMaker maker(static_cast<uint64_t>(shard) * 2 + (std::get<0>(GetParam())[1] ? 1 : 0));
   for (int i = 0; i < kLinesPerShard && failures <= 5; ++i) expectAgreement(oracle, maker.next(), failures);
-  if (shard != 0) {
-    EXPECT_EQ(failures, 0);
-    return;
-  }
-
-  const std::string example =
-      "volume.0 = 0:2:7\nlabel.0 = 0:4:\"Front door \\x22A\\x22\"\ngateway.0 = 0:64:192.168.1.1\n"
-      "uptime.0 = 0:67:12345\naddr.0 = 0:4:\"AB\\x01\\x0212\\x7f\\x80\"\n"
-      "contacts.1 = 2:4:\"Hall\" 3:2:15 \ncontacts.2 = 2:4:\"Garage\" 3:2:-3 \n";
-  std::vector<std::string> texts{example};
+  // The first shard of each locale reads the corpus too, line by line.
   const std::string corpus = std::string(ZELTA_SOURCE_DIR) + "/fuzz/corpus/groupfile_fuzz";
-  if (DIR* dir = opendir(corpus.c_str())) {
-    while (const dirent* entry = readdir(dir))
-      if (entry->d_name[0] != '.')
-        texts.push_back(Quorvel::Kvan::Common::getFileContents(corpus + "/" + entry->d_name));
-    closedir(dir);
-  }
-  ASSERT_GT(texts.size(), 1u) << "no corpus in " << corpus;
-  for (const std::string& text : texts) {
-    std::istringstream lines(text);
-    for (std::string line; std::getline(lines, line);) expectAgreement(oracle, line, failures);
-  }
+  DIR* dir = shard == 0 ? opendir(corpus.c_str()) : nullptr;
+  EXPECT_TRUE(shard != 0 || dir != nullptr) << corpus;
+  for (const dirent* entry; dir != nullptr && (entry = readdir(dir)) != nullptr;)
+    if (entry->d_name[0] != '.')
+      for (const std::string& line : Common::split(Common::getFileContents(corpus + "/" + entry->d_name), '\n'))
+        expectAgreement(oracle, line, failures);
+  if (dir != nullptr) closedir(dir);
   EXPECT_EQ(failures, 0);
 }
 
 INSTANTIATE_TEST_SUITE_P(Shards, ScannerAgreesWithRegexec,
-                         testing::Combine(testing::Values("C", "C.UTF-8"), testing::Range(0, 4)),
-                         [](const testing::TestParamInfo<std::tuple<const char*, int>>& shardInfo) {
-                           return std::string(std::string(std::get<0>(shardInfo.param)) == "C" ? "C" : "CUtf8") + "_" +
-                                  std::to_string(std::get<1>(shardInfo.param));
+                         testing::Combine(testing::Values("C", "C.UTF-8"), testing::Range(0, 4)), [](const auto& p) {
+                           return std::string(std::get<0>(p.param)[1] ? "CUtf8_" : "C_") +
+                                  std::to_string(std::get<1>(p.param));
                          });
 
 // The number parsers against the stream reads they replace: `>> int` for
@@ -151,7 +124,6 @@ TEST(FileNumbers, ParseAsTheTargetsStreamsDo) {
       "7",  "12", "9",          "x",          "a",          ".",          "\"",
       "-0", "00", "2147483647", "2147483648", "4294967295", "4294967296", "99999999999999999999",
       " -", "+-", "1e3"};
-  int checked = 0;
   for (int i = 0; i < 200000; ++i) {
     std::string text;
     for (size_t n = random() % 4; n > 0; --n) text += pieces[random() % pieces.size()];
@@ -159,11 +131,9 @@ TEST(FileNumbers, ParseAsTheTargetsStreamsDo) {
     unsigned int expectedUnsigned = 0;
     std::istringstream(text) >> expectedSigned;
     std::istringstream(text) >> expectedUnsigned;
-    ASSERT_EQ(Quorvel::Kvan::Common::parseSigned32(text.data(), text.size()), expectedSigned) << "'" << text << "'";
-    ASSERT_EQ(Quorvel::Kvan::Common::parseUnsigned32(text.data(), text.size()), expectedUnsigned) << "'" << text << "'";
-    ++checked;
+    ASSERT_EQ(Common::parseSigned32(text.data(), text.size()), expectedSigned) << "'" << text << "'";
+    ASSERT_EQ(Common::parseUnsigned32(text.data(), text.size()), expectedUnsigned) << "'" << text << "'";
   }
-  EXPECT_EQ(checked, 200000);
 }
 
 }  // namespace
