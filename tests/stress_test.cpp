@@ -353,8 +353,7 @@ TEST_F(StressTest, WholeNewTableIsServedAndSaved) {
 TEST(SaveHandOver, HookThatSavesDoesNotDeadlockWithAnotherSave) {
   TempDir dir;
   ParamGroup group("hooked", dir.file("hooked.txt"));
-  Param level(group, INTEGER, Variant(1), nullptr);
-  Param other(group, STRING, Variant("x"), nullptr);
+  Param level(group, INTEGER, Variant(1), nullptr), other(group, STRING, Variant("x"), nullptr);
   ParamManager manager;
   manager.add("level", &level);
   manager.add("other", &other);
@@ -363,16 +362,12 @@ TEST(SaveHandOver, HookThatSavesDoesNotDeadlockWithAnotherSave) {
   const int kRounds = 200;
   std::atomic<int> saves{0}, notices{0};
   std::thread saver([&] {
-    for (int i = 0; i < kRounds; ++i) {
-      group.save();
-      ++saves;
-    }
+    for (; saves < kRounds; ++saves) group.save();
   });
   std::thread hooked([&] {
-    for (int i = 0; i < kRounds; ++i) {
-      level.setValue(i);
+    for (; notices < kRounds; ++notices) {
+      level.setValue(notices.load());
       level.notifyAll("changed", nullptr);
-      ++notices;
     }
   });
   // Far beyond what 400 small saves take; past it the threads are stuck for
