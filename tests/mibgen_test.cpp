@@ -112,8 +112,6 @@ TEST(MibGen, DemoModuleIsTheCheckedInFileAndNamesTheServedObjects) {
                                                       "demoRouteDescr\n +7 +active +10.1.0.0 +3 +\"uplink\"")))
       << table.out;
   files.expectWalkByName(target, "zeltaDemo");
-  agent->stop();
-  agent->waitForFinish();
 }
 
 // ---- Randomised registries
@@ -240,8 +238,6 @@ TEST(MibGen, RandomRegistriesLintCleanAndNameWhatTheAgentServes) {
       EXPECT_EQ(table.exitCode, 0) << table.out;
       EXPECT_NE(table.out.find("\n" + Common::flatten(row).substr(1) + ","), std::string::npos) << table.out;
     }
-    agent->stop();
-    agent->waitForFinish();
   }
 }
 

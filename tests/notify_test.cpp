@@ -111,12 +111,6 @@ class NotifyTest : public ::testing::Test {
     agent = startServingAgent(&params.manager, port, options);
     ASSERT_NE(agent, nullptr);
   }
-  void TearDown() override {
-    if (agent) {
-      agent->stop();
-      agent->waitForFinish();
-    }
-  }
   ToolResult snmp(const std::string& tool, const Strings& rest) {
     Strings args{tool, "-v", "2c", "-c", tool == "snmpset" ? "vorpal" : "public", "-On",
                  "-t", "2",  "-r", "1",  "127.0.0.1:" + std::to_string(port)};
@@ -135,7 +129,7 @@ class NotifyTest : public ::testing::Test {
 
   TempDir dataDir;
   zelta_demo::DemoParams params{dataDir.path()};
-  std::unique_ptr<SNMPAgent> agent;
+  std::unique_ptr<SNMPAgent> agent;  // stopped and joined first when the test ends
   int port = 0;
 };
 
