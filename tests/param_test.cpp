@@ -142,7 +142,10 @@ TEST(ParamGroup, NamesAndCopies) {
   EXPECT_EQ(assigned.getName(), "Network settings");
 }
 
-TEST(ParamGroup, SaveCountsEveryParameterAndReportsUnwritablePaths) {
+// A save writes the whole file (atomically when asked: no temporary is left,
+// and one that a power cut left behind goes), counts every parameter, and
+// reports a path it cannot write.
+TEST(ParamGroup, SaveWritesWholeFilesCountsParametersAndReportsUnwritablePaths) {
   TempDir dir;
   ParamGroup g("quiet", dir.file("quiet.txt"));
   Param a(g, INTEGER, Variant(1), nullptr, NEVER_SAVE), b(g, STRING, Variant("x"), nullptr, NEVER_SAVE);
@@ -151,9 +154,25 @@ TEST(ParamGroup, SaveCountsEveryParameterAndReportsUnwritablePaths) {
   EXPECT_NE(log.find("ParamGroup: saving [quiet] params on file '" + dir.file("quiet.txt") + "'\n"), std::string::npos);
   EXPECT_NE(log.find("ParamGroup: - saved 2 params\n"), std::string::npos);
 
+  ParamGroup atomic("atomic", dir.write("atomic.txt", "old content\n"));
+  atomic.setAtomicSave(true);
+  Param p(atomic, STRING, Variant("new"), nullptr);
+  ParamManager manager;
+  manager.add("label", &p);
+  ASSERT_TRUE(atomic.save());
+  EXPECT_EQ(dir.read("atomic.txt"), "label.0 = 0:4:\"new\"\n");
+  const std::string ls = "ls -A '" + dir.path() + "'";
+  EXPECT_EQ(Common::executeProgram(ls), "atomic.txt\nquiet.txt\n");
+  dir.write("atomic.txt.zelta-tmp.Ab12Cd", "torn");
+  dir.write("atomic.txt.backup", "kept");  // files that merely look alike stay
+  dir.write("other.txt.zelta-tmp.Ab12Cd", "kept");
+  atomic.setAtomicSave(false);
+  ASSERT_TRUE(atomic.save());
+  EXPECT_EQ(Common::executeProgram(ls), "atomic.txt\natomic.txt.backup\nother.txt.zelta-tmp.Ab12Cd\nquiet.txt\n");
+
   ParamGroup bad("bad", dir.file("missing/dir/bad.txt"));
-  for (bool atomic : {false, true}) {
-    bad.setAtomicSave(atomic);
+  for (bool atomicSave : {false, true}) {
+    bad.setAtomicSave(atomicSave);
     log = captureLog(ERROR, [&] { EXPECT_FALSE(bad.save()); });
     EXPECT_NE(log.find("ParamGroup: - cannot save group [bad] on file '" + dir.file("missing/dir/bad.txt") + "'\n"),
               std::string::npos);
@@ -275,25 +294,4 @@ TEST(ParamDeathTest, MisuseAborts) {
         manager["a"];
       },
       "params\\[key\\] != __null");
-}
-
-TEST(ParamGroup, AtomicSaveReplacesTheFileWhole) {
-  TempDir dir;
-  ParamGroup g("atomic", dir.write("atomic.txt", "old content\n"));
-  g.setAtomicSave(true);
-  Param p(g, STRING, Variant("new"), nullptr);
-  ParamManager manager;
-  manager.add("label", &p);
-  ASSERT_TRUE(g.save());
-  EXPECT_EQ(dir.read("atomic.txt"), "label.0 = 0:4:\"new\"\n");
-  EXPECT_EQ(Common::executeProgram("ls -A '" + dir.path() + "'"), "atomic.txt\n");  // no temporary left behind
-  // A temporary file that a power cut left behind goes with the next save;
-  // files that merely look alike stay.
-  dir.write("atomic.txt.zelta-tmp.Ab12Cd", "torn");
-  dir.write("atomic.txt.backup", "kept");
-  dir.write("other.txt.zelta-tmp.Ab12Cd", "kept");
-  g.setAtomicSave(false);
-  ASSERT_TRUE(g.save());
-  EXPECT_EQ(Common::executeProgram("ls -A '" + dir.path() + "'"),
-            "atomic.txt\natomic.txt.backup\nother.txt.zelta-tmp.Ab12Cd\n");
 }

@@ -8,10 +8,10 @@
 #include <chrono>
 #include <fstream>
 #include <functional>
-#include <sstream>
 #include <string>
 #include <thread>
 
+#include "zelta/common.h"
 #include "zelta/logging.h"
 
 namespace zelta_test {
@@ -31,12 +31,7 @@ class TempDir {
     std::ofstream(file(name), std::ios::binary) << bytes;
     return file(name);
   }
-  std::string read(const std::string& name) const {
-    std::ifstream in(file(name), std::ios::binary);
-    std::ostringstream out;
-    out << in.rdbuf();
-    return out.str();
-  }
+  std::string read(const std::string& name) const { return Quorvel::Kvan::Common::getFileContents(file(name)); }
   const std::string& path() const { return path_; }
 
  private:
