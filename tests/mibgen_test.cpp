@@ -5,12 +5,11 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <deque>
-#include <fstream>
 #include <functional>
 #include <random>
 #include <regex>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -25,9 +24,8 @@ const std::string kBaseModules = ZELTA_BASE_MIBS_DIR;
 
 // Why the fixture could not fetch the IETF base modules, or "" when they are there.
 std::string baseModulesMissing() {
-  if (std::ifstream(kBaseModules + "/SNMPv2-CONF.mib")) return "";
-  std::string why;
-  std::getline(std::ifstream(kBaseModules + "/why-missing.txt"), why);
+  if (Common::fileExists(kBaseModules + "/SNMPv2-CONF.mib")) return "";
+  const std::string why = Common::getFileContents(kBaseModules + "/why-missing.txt");
   return why.empty() ? "the MibGen.FetchBaseModules fixture has not run" : why;
 }
 #define REQUIRE_BASE_MODULES() \
@@ -35,10 +33,8 @@ std::string baseModulesMissing() {
 
 // The lines of a tool's output that are not empty.
 Strings lines(const std::string& text) {
-  Strings out;
-  std::istringstream in(text);
-  for (std::string line; std::getline(in, line);)
-    if (!line.empty()) out.push_back(line);
+  Strings out = Common::split(text, '\n');
+  out.erase(std::remove(out.begin(), out.end(), ""), out.end());
   return out;
 }
 
@@ -77,8 +73,6 @@ struct ModuleFiles {
   TempDir dir;
   std::string module;
 };
-
-bool isDescriptor(const std::string& text) { return std::regex_match(text, std::regex("[a-z][A-Za-z0-9]{0,63}")); }
 
 // ---- The demo's module
 
@@ -225,7 +219,8 @@ TEST(MibGen, RandomRegistriesLintCleanAndNameWhatTheAgentServes) {
     const std::string translated = files.netSnmp("snmptranslate", translate).out;
     Strings names = lines(translated);
     ASSERT_EQ(names.size(), registry.objectOids.size()) << translated;
-    for (size_t i = 0; i < names.size(); ++i) EXPECT_TRUE(isDescriptor(names[i])) << registry.objectOids[i];
+    for (size_t i = 0; i < names.size(); ++i)
+      EXPECT_TRUE(std::regex_match(names[i], std::regex("[a-z][A-Za-z0-9]{0,63}"))) << registry.objectOids[i];
 
     int port = 0;
     auto agent = startServingAgent(&registry.manager, port);

@@ -98,7 +98,7 @@ TEST(ParamFile, WorkedExampleIsWrittenByteForByteAndLoadsBack) {
   EXPECT_TRUE(fresh.group.isActive());
 }
 
-TEST(ParamFile, ReaderToleratesLayoutAndSkipsJunk) {
+TEST(ParamFile, ReaderToleratesLayoutAndSkipsJunkKeepingWhatCameBefore) {
   TempDir dir;
   Example example(dir.file("example.txt"), false);
   std::string log = captureLog(VERBOSE, [&] {
@@ -121,6 +121,27 @@ TEST(ParamFile, ReaderToleratesLayoutAndSkipsJunk) {
   EXPECT_NE(log.find("ParamManager: - cannot read scalar 'label'!\n"), std::string::npos);
   EXPECT_EQ(log.find("skip invalid key"), std::string::npos);
   EXPECT_NE(log.find("[TRACE]"), std::string::npos);  // the unknown stem
+
+  // A table line with a wrong cell keeps the cells before it.
+  log = captureLog(DEBUG, [&] {
+    example.manager.loadFromFile(dir.write("in.txt",
+                                           "contacts.3 = 2:4:\"Porch\" 3:4:\"x\" 4:2:8 \n"
+                                           "contacts.4 = 5:2:1  2:4:\"Attic\"  9:2:1 \n"
+                                           "contacts.5 = \n"
+                                           "contacts.6.1 = 2:4:\"x\" \n"));
+  });
+  EXPECT_EQ(example.row({3}), "Porch 0 0");
+  EXPECT_NE(log.find("ParamManager: setTableRow(): triplet type 4 != Param type 2 for var 'contacts'\n"),
+            std::string::npos);
+  EXPECT_NE(log.find("ParamManager: - cannot read table row 'contacts'!\n"), std::string::npos);
+  // RowStatus and unknown columns are skipped with a warning; two blanks between triplets are fine.
+  EXPECT_EQ(example.row({4}), "Attic 0 0");
+  EXPECT_NE(log.find("ParamManager: setTableRow(): column 5 is not a valid field or it's a special one (e.g. "
+                     "rowStatus)!\n"),
+            std::string::npos);
+  EXPECT_NE(log.find("column 9 is not a valid field"), std::string::npos);
+  EXPECT_EQ(example.def.fields.count(9), 0u);  // the definition is not touched by file content
+  EXPECT_EQ(example.contacts.getValue().getTable().getRows().count({6, 1}), 0u);  // index of the wrong length
 }
 
 // An empty string round-trips; an empty IP address is written but not read.
@@ -174,30 +195,6 @@ TEST(ParamFile, TimeTicksAbove2To31RoundTripThroughNegativeText) {
   Variant out;
   ASSERT_TRUE(column.getTableCellValue({4294967295ul}, 2, out));
   EXPECT_EQ(out.getTimeTicks().value, 2147483648u);
-}
-
-TEST(ParamFile, TableLineWithWrongCellKeepsEarlierCells) {
-  TempDir dir;
-  Example example(dir.file("example.txt"), false);
-  std::string log = captureLog(DEBUG, [&] {
-    example.manager.loadFromFile(dir.write("in.txt",
-                                           "contacts.3 = 2:4:\"Porch\" 3:4:\"x\" 4:2:8 \n"
-                                           "contacts.4 = 5:2:1  2:4:\"Attic\"  9:2:1 \n"
-                                           "contacts.5 = \n"
-                                           "contacts.6.1 = 2:4:\"x\" \n"));
-  });
-  EXPECT_EQ(example.row({3}), "Porch 0 0");
-  EXPECT_NE(log.find("ParamManager: setTableRow(): triplet type 4 != Param type 2 for var 'contacts'\n"),
-            std::string::npos);
-  EXPECT_NE(log.find("ParamManager: - cannot read table row 'contacts'!\n"), std::string::npos);
-  // RowStatus and unknown columns are skipped with a warning; two blanks between triplets are fine.
-  EXPECT_EQ(example.row({4}), "Attic 0 0");
-  EXPECT_NE(log.find("ParamManager: setTableRow(): column 5 is not a valid field or it's a special one (e.g. "
-                     "rowStatus)!\n"),
-            std::string::npos);
-  EXPECT_NE(log.find("column 9 is not a valid field"), std::string::npos);
-  EXPECT_EQ(example.def.fields.count(9), 0u);  // the definition is not touched by file content
-  EXPECT_EQ(example.contacts.getValue().getTable().getRows().count({6, 1}), 0u);  // index of the wrong length
 }
 
 // A logical address that does not fit 8 bytes must never reach the assertion
