@@ -50,6 +50,16 @@ struct AgentConfig {
   // directory, removed by shutdown(). Nothing is written there in practice,
   // since persistence is switched off.
   std::string persistentDir;
+  // AgentX subagent role: the master agent's AgentX address (a Unix socket
+  // path, or "tcp:HOST:PORT"); "" serves SNMP on the UDP port above. A
+  // subagent opens no port and registers no standard group: the master
+  // answers the managers, checks their communities and serves those groups.
+  std::string agentxMaster;
+  // Seconds between pings of the master, and between attempts to reach it
+  // while it is away (at least 1).
+  int agentxPingSeconds = 5;
+
+  bool isSubagent() const { return !agentxMaster.empty(); }
 };
 
 // Exported for the tests only; not part of the public headers.
@@ -86,6 +96,8 @@ class ZELTA_EXPORT AgentEngine {
   static void forgetEntry_nolock(MibEntry* entry);
 
   bool isInitialized() const { return initialized; }
+  // Subagent role: true while the master holds our registrations. Any thread.
+  static bool isConnectedToMaster();
   // Entries registered by the last successful initialize().
   const std::vector<MibEntry*>& registeredEntries() const { return registered; }
 
