@@ -27,6 +27,7 @@
 
 #include "../lib/src/agentengine.h"
 #include "../tests/loopback.h"
+#include "snmp_wire.h"
 #include "zelta/mibtypes.h"
 #include "zelta/tabledef.h"
 
@@ -46,7 +47,10 @@ const char* const kSnmpdTables[] = {".1.3.6.1.2.1.25.6.3", ".1.3.6.1.2.1.25.4.2"
                                     ".1.3.6.1.2.1.4.20",   ".1.3.6.1.2.1.4.24.4", ".1.3.6.1.2.1.6.13",
                                     ".1.3.6.1.2.1.7.5",    ".1.3.6.1.2.1.25.3.2"};
 
+using zelta_test::bulkwalk;
 using zelta_test::freeUdpPort;
+using zelta_test::GetClient;
+using zelta_test::getsPerSecond;
 
 long residentBytes() {
   FILE* f = fopen("/proc/self/statm", "r");
@@ -56,103 +60,6 @@ long residentBytes() {
     fclose(f);
   }
   return resident * sysconf(_SC_PAGESIZE);
-}
-
-// ---- A minimal SNMPv2c GET client over a UDP socket
-
-std::string tlv(int tag, const std::string& content) {
-  std::string out(1, static_cast<char>(tag));
-  size_t n = content.size();
-  if (n < 128) {
-    out += static_cast<char>(n);
-  } else {
-    std::string bytes;
-    for (; n != 0; n >>= 8) bytes.insert(bytes.begin(), static_cast<char>(n & 0xff));
-    out += static_cast<char>(0x80 | bytes.size());
-    out += bytes;
-  }
-  return out + content;
-}
-
-std::string berInt(uint32_t v) {
-  std::string bytes;
-  do {
-    bytes.insert(bytes.begin(), static_cast<char>(v & 0xff));
-    v >>= 8;
-  } while (v != 0);
-  if (static_cast<unsigned char>(bytes[0]) & 0x80) bytes.insert(bytes.begin(), '\0');
-  return tlv(0x02, bytes);
-}
-
-std::string berOid(const char* dotted) {
-  std::vector<unsigned long> ids;
-  for (const char* p = dotted; *p != '\0';) {
-    ids.push_back(strtoul(p, const_cast<char**>(&p), 10));
-    if (*p == '.') ++p;
-  }
-  std::string out(1, static_cast<char>(ids[0] * 40 + ids[1]));
-  for (size_t i = 2; i < ids.size(); ++i) {
-    std::string sub(1, static_cast<char>(ids[i] & 0x7f));
-    for (unsigned long v = ids[i] >> 7; v != 0; v >>= 7) sub.insert(sub.begin(), static_cast<char>(0x80 | (v & 0x7f)));
-    out += sub;
-  }
-  return tlv(0x06, out);
-}
-
-class GetClient {
- public:
-  GetClient(int port, const char* oid) : fd(zelta_test::connectedSocket(port)), name(berOid(oid)) {}
-  ~GetClient() {
-    if (fd >= 0) close(fd);
-  }
-  // One GET and its answer; false after a second without one.
-  bool get() {
-    std::string pdu = berInt(++requestId) + berInt(0) + berInt(0) + tlv(0x30, tlv(0x30, name + tlv(0x05, "")));
-    std::string packet = tlv(0x30, berInt(1) + tlv(0x04, "public") + tlv(0xA0, pdu));
-    if (fd < 0 || send(fd, packet.data(), packet.size(), 0) < 0) return false;
-    pollfd p{fd, POLLIN, 0};
-    char reply[1500];
-    return poll(&p, 1, 1000) == 1 && recv(fd, reply, sizeof reply, 0) > 0;
-  }
-
- private:
-  int fd;
-  std::string name;
-  uint32_t requestId = 0;
-};
-
-// Runs a command without a shell and counts its output lines; -1 on failure.
-long countOutputLines(std::vector<std::string> args) {
-  int fds[2];
-  if (pipe(fds) != 0) return -1;
-  pid_t pid = fork();
-  if (pid == 0) {
-    dup2(fds[1], 1);
-    close(fds[0]);
-    close(fds[1]);
-    setenv("MIBS", "", 1);
-    std::vector<char*> argv;
-    for (std::string& a : args) argv.push_back(a.data());
-    argv.push_back(nullptr);
-    execvp(argv[0], argv.data());
-    _exit(127);
-  }
-  close(fds[1]);
-  long lines = 0;
-  char buf[65536];
-  ssize_t n;
-  while ((n = read(fds[0], buf, sizeof buf)) > 0)
-    for (ssize_t i = 0; i < n; ++i) lines += buf[i] == '\n';
-  close(fds[0]);
-  int status = 0;
-  waitpid(pid, &status, 0);
-  return WIFEXITED(status) && WEXITSTATUS(status) == 0 ? lines : -1;
-}
-
-// Varbinds of one snmpbulkwalk (25 repetitions per request), or -1.
-long bulkwalk(int port, const char* oid) {
-  return countOutputLines({"timeout", "60", "snmpbulkwalk", "-v2c", "-c", "public", "-Oqn", "-t", "10", "-r", "1",
-                           "-Cr25", "127.0.0.1:" + std::to_string(port), oid});
 }
 
 int removeOne(const char* path, const struct stat*, int, struct FTW*) { return ::remove(path); }
@@ -275,15 +182,6 @@ class Agents {
   pid_t snmpdPid = -1;
   std::string snmpdDir;
 };
-
-double getsPerSecond(int port, const char* oid, int count) {
-  GetClient client(port, oid);
-  auto start = Clock::now();
-  int answered = 0;
-  for (int i = 0; i < count; ++i) answered += client.get() ? 1 : 0;
-  double seconds = std::chrono::duration<double>(Clock::now() - start).count();
-  return answered == count ? count / seconds : 0;
-}
 
 void BM_ScalarGet(benchmark::State& state) {
   Agents& agents = Agents::get();
