@@ -527,6 +527,10 @@ TEST_P(TableTest, RowsAddedInCodeAreActiveWithoutNoticeAndAThousandAreWalked) {
 }
 
 TEST_P(TableTest, SurvivesRandomisedRequests) {
+  // Through a master this would test snmpd, which the flood can wedge: 5.9.3
+  // fails to forward a SET whose value AgentX cannot carry (type 0x45, say)
+  // and then waits for that SET to finish, answering nothing else.
+  if (route == Route::ThroughMaster) GTEST_SKIP() << "snmpd's own robustness";
   Strings payloads{tlv(0x43, "\x01\x02"), tlv(0x05, ""), berOid({1, 3, 6, 1})};
   for (int v : {-1, 0, 2, 3, 4, 5, 6, 12, 100}) payloads.push_back(berInt(v));
   for (size_t n : {0, 7, 8, 9, 17, 1100, 1500}) payloads.push_back(tlv(0x04, std::string(n, 'z')));
