@@ -1,24 +1,21 @@
 // Debian's snmpd as the AgentX master of tests and benchmarks: a configuration
-// of its own (-C -c, no system file) in a temporary directory, with its state
-// there too, a free UDP port on 127.0.0.1, communities public (read) and
-// vorpal (read-write), and an AgentX socket in the directory or on a loopback
-// TCP port. Stopped by its PID.
+// of its own (-C -c, no system file) and its state in a temporary directory,
+// a free UDP port on 127.0.0.1, communities public (read) and vorpal
+// (read-write), AgentX on a socket in the directory or on a loopback TCP port.
+// Stopped by its PID.
 #ifndef ZELTA_TESTS_SNMPD_MASTER_H_
 #define ZELTA_TESTS_SNMPD_MASTER_H_
 
 #include <fcntl.h>
 #include <ftw.h>
 #include <signal.h>
-#include <sys/socket.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/un.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
-#include <cerrno>
 #include <chrono>
 #include <cstdio>
-#include <cstring>
 #include <string>
 #include <thread>
 #include <vector>
@@ -27,116 +24,85 @@
 
 namespace zelta_test {
 
-constexpr char kSnmpd[] = "/usr/sbin/snmpd";
-
-// A loopback TCP port nobody listens on right now.
-inline int freeTcpPort() {
-  int fd = socket(AF_INET, SOCK_STREAM, 0), port = -1;
-  sockaddr_in addr = loopback(0);
-  socklen_t len = sizeof addr;
-  if (bind(fd, reinterpret_cast<sockaddr*>(&addr), len) == 0 &&
-      getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &len) == 0)
-    port = ntohs(addr.sin_port);
-  close(fd);
-  return port;
-}
-
 class SnmpdMaster {
  public:
-  // `tcp`: AgentX on a loopback TCP port rather than a Unix socket. `extra`:
-  // more configuration lines.
-  explicit SnmpdMaster(bool tcp = false, const std::vector<std::string>& extra = {}) : udpPort(freeUdpPort()) {
+  explicit SnmpdMaster(bool tcp = false) : udpPort(freeUdpPort()) {
     char pattern[] = "/tmp/zelta-snmpd-XXXXXX";
-    if (mkdtemp(pattern) != nullptr) dir = pattern;
-    address = tcp ? "tcp:127.0.0.1:" + std::to_string(freeTcpPort()) : dir + "/agentx";
-    std::string conf = "master agentx\nagentXSocket " + address +
-                       "\nagentaddress udp:127.0.0.1:" + std::to_string(udpPort) +
-                       "\nrocommunity public 127.0.0.1\nrwcommunity vorpal 127.0.0.1\n";
-    for (const std::string& line : extra) conf += line + "\n";
+    dir = mkdtemp(pattern) != nullptr ? pattern : "/nonexistent";
+    address = dir + "/agentx";
+    if (tcp) {  // a port nobody listens on right now
+      int fd = socket(AF_INET, SOCK_STREAM, 0);
+      sockaddr_in at = loopback(0);
+      socklen_t length = sizeof at;
+      bind(fd, reinterpret_cast<sockaddr*>(&at), length);
+      getsockname(fd, reinterpret_cast<sockaddr*>(&at), &length);
+      close(fd);
+      tcpPort = ntohs(at.sin_port);
+      address = "tcp:127.0.0.1:" + std::to_string(tcpPort);
+    }
     if (FILE* f = fopen((dir + "/snmpd.conf").c_str(), "w")) {
-      fputs(conf.c_str(), f);
+      fprintf(f, "master agentx\nagentXSocket %s\nagentaddress udp:127.0.0.1:%d\n", address.c_str(), udpPort);
+      fputs("rocommunity public 127.0.0.1\nrwcommunity vorpal 127.0.0.1\n", f);
       fclose(f);
     }
-    mkdir((dir + "/state").c_str(), 0700);  // not the directory of snmpd.conf: snmpd would overwrite it
+    mkdir((dir + "/state").c_str(), 0700);  // apart from snmpd.conf, which snmpd would overwrite
   }
   ~SnmpdMaster() {
     stop(SIGTERM);
-    if (!dir.empty()) nftw(dir.c_str(), removeOne, 8, FTW_DEPTH | FTW_PHYS);
+    nftw(dir.c_str(), removeOne, 8, FTW_DEPTH);
   }
-  SnmpdMaster(const SnmpdMaster&) = delete;
-  SnmpdMaster& operator=(const SnmpdMaster&) = delete;
 
-  static bool installed() { return access(kSnmpd, X_OK) == 0; }
-
-  // Starts snmpd (again) and waits until it listens on both ends; false
-  // when it did not within 10 s.
+  // Starts snmpd (again); false unless it listens within 10 s.
   bool start() {
-    if (dir.empty() || pid > 0) return false;
-    // Everything the child needs is made before fork: only exec follows it.
-    std::vector<std::string> args{kSnmpd, "-f",   "-Lf", dir + "/snmpd.log", "-C", "-c", dir + "/snmpd.conf",
-                                  "-I",   "-smux"};
+    // The child only execs: everything is made before fork.
+    std::vector<std::string> args{"/usr/sbin/snmpd",   "-f", "-Lf",  dir + "/snmpd.log", "-C", "-c",
+                                  dir + "/snmpd.conf", "-I", "-smux"};
     std::vector<std::string> env{"SNMP_PERSISTENT_DIR=" + dir + "/state", "MIBS="};
     std::vector<char*> argv, envp;
     for (std::string& a : args) argv.push_back(a.data());
     for (std::string& e : env) envp.push_back(e.data());
-    argv.push_back(nullptr);
-    envp.push_back(nullptr);
-    pid = fork();
-    if (pid == 0) {
+    argv.push_back(nullptr), envp.push_back(nullptr);
+    if ((pid = fork()) == 0) {
+      prctl(PR_SET_PDEATHSIG, SIGKILL);  // gone with a test that crashes
       int devnull = open("/dev/null", O_RDWR);
       dup2(devnull, 0), dup2(devnull, 1), dup2(devnull, 2);
       execve(argv[0], argv.data(), envp.data());
       _exit(127);
     }
-    for (auto end = std::chrono::steady_clock::now() + std::chrono::seconds(10); std::chrono::steady_clock::now() < end;
-         std::this_thread::sleep_for(std::chrono::milliseconds(20))) {
-      if (pid <= 0 || waitpid(pid, nullptr, WNOHANG) != 0) break;  // it gave up
+    for (int i = 0; i < 500 && waitpid(pid, nullptr, WNOHANG) == 0; ++i) {
       if (listening()) return true;
+      std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }
     stop(SIGKILL);
     return false;
   }
   // Sends `signal` and reaps the process.
-  void stop(int signal = SIGTERM) {
-    if (pid <= 0) return;
-    kill(pid, signal);
-    waitpid(pid, nullptr, 0);
+  void stop(int signal) {
+    if (pid > 0) kill(pid, signal), waitpid(pid, nullptr, 0);
     pid = -1;
   }
 
   bool running() const { return pid > 0; }
   int port() const { return udpPort; }
   std::string target() const { return "127.0.0.1:" + std::to_string(udpPort); }
-  // The AgentX address a subagent is given.
-  const std::string& agentx() const { return address; }
+  const std::string& agentx() const { return address; }  // what a subagent is given
 
  private:
   static int removeOne(const char* path, const struct stat*, int, FTW*) { return ::remove(path); }
-  // The UDP port is taken and the AgentX socket accepts.
+  // snmpd opens its AgentX socket last.
   bool listening() const {
-    int udp = socket(AF_INET, SOCK_DGRAM, 0);
-    sockaddr_in at = loopback(udpPort);
-    const bool taken = bind(udp, reinterpret_cast<sockaddr*>(&at), sizeof at) != 0 && errno == EADDRINUSE;
-    close(udp);
-    if (!taken) return false;
-    int fd;
-    bool accepts;
-    if (address.rfind("tcp:", 0) == 0) {
-      fd = socket(AF_INET, SOCK_STREAM, 0);
-      sockaddr_in tcp = loopback(std::stoi(address.substr(address.rfind(':') + 1)));
-      accepts = connect(fd, reinterpret_cast<sockaddr*>(&tcp), sizeof tcp) == 0;
-    } else {
-      fd = socket(AF_UNIX, SOCK_STREAM, 0);
-      sockaddr_un local{};
-      local.sun_family = AF_UNIX;
-      snprintf(local.sun_path, sizeof local.sun_path, "%s", address.c_str());
-      accepts = connect(fd, reinterpret_cast<sockaddr*>(&local), sizeof local) == 0;
-    }
+    sockaddr_in tcp = loopback(tcpPort);
+    sockaddr_un local{};
+    local.sun_family = AF_UNIX;
+    snprintf(local.sun_path, sizeof local.sun_path, "%s", address.c_str());
+    int fd = socket(tcpPort != 0 ? AF_INET : AF_UNIX, SOCK_STREAM, 0);
+    const bool accepts = tcpPort != 0 ? connect(fd, reinterpret_cast<sockaddr*>(&tcp), sizeof tcp) == 0
+                                      : connect(fd, reinterpret_cast<sockaddr*>(&local), sizeof local) == 0;
     close(fd);
     return accepts;
   }
 
-  int udpPort;
+  int udpPort, tcpPort = 0;
   std::string dir, address;
   pid_t pid = -1;
 };
