@@ -1,5 +1,5 @@
-// The Net-SNMP master agent: in-code configuration, the request loop and a
-// shut-down that leaves the process ready for another start.
+// The Net-SNMP agent (master or AgentX subagent): in-code configuration, the
+// request loop and a shut-down that leaves the process ready for another start.
 #include "snmpinternal.h"
 
 #include <fcntl.h>
@@ -178,8 +178,8 @@ void setOptions(const AgentConfig& config, const std::string& persistentDir) {
   // Alarms (the AgentX ping among them) run from the request loop, not
   // from a SIGALRM handler in whichever host thread the signal meets.
   netsnmp_ds_set_boolean(NETSNMP_DS_LIBRARY_ID, NETSNMP_DS_LIB_ALARM_DONT_USE_SIG, 1);
-  // A master agent (or an AgentX subagent) without AgentX socket, embedded
-  // Perl or connection log.
+  // Either role, without AgentX master socket, embedded Perl or connection
+  // log.
   agentx::setOptions(config);
   netsnmp_ds_set_boolean(NETSNMP_DS_APPLICATION_ID, NETSNMP_DS_AGENT_AGENTX_MASTER, 0);
   netsnmp_ds_set_boolean(NETSNMP_DS_APPLICATION_ID, NETSNMP_DS_AGENT_DISABLE_PERL, 1);

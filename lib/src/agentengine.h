@@ -1,5 +1,6 @@
-// The Net-SNMP master agent inside the host process: set-up from in-code
-// options, one turn of the request loop, and shut-down.
+// The Net-SNMP agent inside the host process, a master on its own port or an
+// AgentX subagent: set-up from in-code options, one turn of the request loop,
+// and shut-down.
 //
 // Net-SNMP keeps global state, so one engine runs per process at a time; a
 // stopped engine can be initialised again. Every Net-SNMP call happens on the
@@ -77,6 +78,9 @@ class ZELTA_EXPORT AgentEngine {
   // another engine runs in the process (WARNING line); everything is then
   // cleaned up, so a later call can succeed. The entries stay owned by the
   // caller and must live until shutdown().
+  // A subagent registers no standard group and opens no port: it connects
+  // to its master here, or keeps trying from serveOnce() when the master is
+  // not there: a master that is away does not fail it.
   // `keys`, when given, names each entry (its parameter's key) in the ERROR
   // line of an entry that cannot be published.
   bool initialize(const AgentConfig& config, const std::vector<MibEntry*>& entries,

@@ -78,7 +78,7 @@ class ZELTA_EXPORT SNMPAgent {
   // port could not be opened. False again after start().
   bool hasFinished() const { return finished.load(); }
   // Subagent role: true while the master holds our objects (registered, and
-  // answering pings).
+  // answering pings). Any thread.
   bool isConnectedToMaster() const;
 
   // Publishes one more object with the next start, besides the manager's
