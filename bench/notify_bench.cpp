@@ -8,7 +8,7 @@
 #include <memory>
 #include <thread>
 
-#include "get_client.h"
+#include "snmp_wire.h"
 #include "zelta/mibtypes.h"
 #include "zelta/param.h"
 #include "zelta/parammanager.h"

@@ -22,7 +22,7 @@
 #include <vector>
 
 #include "../tests/loopback.h"
-#include "get_client.h"
+#include "snmp_wire.h"
 #include "zelta/logging.h"
 #include "zelta/parammanager.h"
 #include "zelta/snmpagent.h"

@@ -27,7 +27,7 @@
 
 #include "../lib/src/agentengine.h"
 #include "../tests/loopback.h"
-#include "get_client.h"
+#include "snmp_wire.h"
 #include "zelta/mibtypes.h"
 #include "zelta/tabledef.h"
 
@@ -47,7 +47,9 @@ const char* const kSnmpdTables[] = {".1.3.6.1.2.1.25.6.3", ".1.3.6.1.2.1.25.4.2"
                                     ".1.3.6.1.2.1.4.20",   ".1.3.6.1.2.1.4.24.4", ".1.3.6.1.2.1.6.13",
                                     ".1.3.6.1.2.1.7.5",    ".1.3.6.1.2.1.25.3.2"};
 
+using zelta_bench::bulkwalk;
 using zelta_bench::GetClient;
+using zelta_bench::getsPerSecond;
 using zelta_test::freeUdpPort;
 
 long residentBytes() {
@@ -58,40 +60,6 @@ long residentBytes() {
     fclose(f);
   }
   return resident * sysconf(_SC_PAGESIZE);
-}
-
-// Runs a command without a shell and counts its output lines; -1 on failure.
-long countOutputLines(std::vector<std::string> args) {
-  int fds[2];
-  if (pipe(fds) != 0) return -1;
-  pid_t pid = fork();
-  if (pid == 0) {
-    dup2(fds[1], 1);
-    close(fds[0]);
-    close(fds[1]);
-    setenv("MIBS", "", 1);
-    std::vector<char*> argv;
-    for (std::string& a : args) argv.push_back(a.data());
-    argv.push_back(nullptr);
-    execvp(argv[0], argv.data());
-    _exit(127);
-  }
-  close(fds[1]);
-  long lines = 0;
-  char buf[65536];
-  ssize_t n;
-  while ((n = read(fds[0], buf, sizeof buf)) > 0)
-    for (ssize_t i = 0; i < n; ++i) lines += buf[i] == '\n';
-  close(fds[0]);
-  int status = 0;
-  waitpid(pid, &status, 0);
-  return WIFEXITED(status) && WEXITSTATUS(status) == 0 ? lines : -1;
-}
-
-// Varbinds of one snmpbulkwalk (25 repetitions per request), or -1.
-long bulkwalk(int port, const char* oid) {
-  return countOutputLines({"timeout", "60", "snmpbulkwalk", "-v2c", "-c", "public", "-Oqn", "-t", "10", "-r", "1",
-                           "-Cr25", "127.0.0.1:" + std::to_string(port), oid});
 }
 
 int removeOne(const char* path, const struct stat*, int, struct FTW*) { return ::remove(path); }
@@ -214,15 +182,6 @@ class Agents {
   pid_t snmpdPid = -1;
   std::string snmpdDir;
 };
-
-double getsPerSecond(int port, const char* oid, int count) {
-  GetClient client(port, oid);
-  auto start = Clock::now();
-  int answered = 0;
-  for (int i = 0; i < count; ++i) answered += client.get() ? 1 : 0;
-  double seconds = std::chrono::duration<double>(Clock::now() - start).count();
-  return answered == count ? count / seconds : 0;
-}
 
 void BM_ScalarGet(benchmark::State& state) {
   Agents& agents = Agents::get();

@@ -4,9 +4,10 @@
 // directory, loads them and serves them over SNMP until Ctrl-C. A change of
 // the host name, volume, gateway or routing table is told to the receivers
 // given with --notify (SNMPv2c traps) and --inform (SNMPv2c informs). With
-// --write-mib it writes its MIB module instead.
+// --write-mib it writes its MIB module instead. With --agentx it serves
+// through the device's snmpd as an AgentX subagent, on no port of its own.
 //
-//   zelta_demo [--port N] [--address A] [--data-dir D] [--log-level debug|verbose]
+//   zelta_demo [--port N] [--address A] [--agentx MASTER] [--data-dir D] [--log-level debug|verbose]
 //              [--notify HOST:PORT]... [--inform HOST:PORT]... [--write-mib FILE]
 #include <signal.h>
 #include <sys/stat.h>
@@ -35,10 +36,11 @@ void onSignal(int) { stopRequested = 1; }
 
 void usage(const char* program) {
   printf(
-      "usage: %s [--port N] [--address A] [--data-dir D] [--log-level LEVEL] [--notify HOST:PORT]...\n"
-      "          [--inform HOST:PORT]... [--write-mib FILE]\n"
+      "usage: %s [--port N] [--address A] [--agentx MASTER] [--data-dir D] [--log-level LEVEL]\n"
+      "          [--notify HOST:PORT]... [--inform HOST:PORT]... [--write-mib FILE]\n"
       "  --port N         UDP port to serve SNMP on (default 16161)\n"
       "  --address A      IPv4 address to listen on (default 127.0.0.1)\n"
+      "  --agentx MASTER  serve through an AgentX master (snmpd's socket path, or tcp:HOST:PORT), no port\n"
       "  --data-dir D     where the group files live (default ./demo-data, created)\n"
       "  --log-level L    info (default), debug or verbose\n"
       "  --notify H:P     send coldStart and change notifications to H:P as SNMPv2c traps (community public)\n"
@@ -56,6 +58,7 @@ int main(int argc, char** argv) {
   std::string level = "info";
   std::string mibFile;
   std::vector<NotifyTarget> receivers;
+  std::string agentxMaster;
   for (int i = 1; i < argc; ++i) {
     std::string arg = argv[i];
     bool hasValue = i + 1 < argc;
@@ -66,6 +69,8 @@ int main(int argc, char** argv) {
       port = atoi(argv[++i]);
     } else if (arg == "--address" && hasValue) {
       address = argv[++i];
+    } else if (arg == "--agentx" && hasValue) {
+      agentxMaster = argv[++i];
     } else if (arg == "--data-dir" && hasValue) {
       dataDir = argv[++i];
     } else if (arg == "--log-level" && hasValue) {
@@ -122,10 +127,15 @@ int main(int argc, char** argv) {
   options.changeNotificationOid = zelta_demo::kChangeNotification;
   for (SNMPInfo* info : {&demo.hostnameInfo, &demo.volumeInfo, &demo.gatewayInfo, &demo.routesInfo})
     info->getEntry()->setChangeNotification(true);
+  options.agentxMaster = agentxMaster;
   SNMPAgent agent(&manager, options);
   agent.start();
-  printf("zelta_demo: serving SNMP on %s:%d (communities public/vorpal), files in %s; Ctrl-C stops\n", address.c_str(),
-         port, dataDir.c_str());
+  if (agentxMaster.empty())
+    printf("zelta_demo: serving SNMP on %s:%d (communities public/vorpal), files in %s; Ctrl-C stops\n",
+           address.c_str(), port, dataDir.c_str());
+  else
+    printf("zelta_demo: serving SNMP through the AgentX master at %s, files in %s; Ctrl-C stops\n",
+           agentxMaster.c_str(), dataDir.c_str());
   fflush(stdout);
   for (int waited = 0; !agent.isRunning() && waited < 100; ++waited) usleep(50000);
   while (!stopRequested && agent.isRunning()) usleep(100000);

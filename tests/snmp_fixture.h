@@ -1,5 +1,6 @@
-// Test fixture for the SNMP agent: an engine on a free loopback port served by a
-// thread of the test's own, and the Net-SNMP command-line tools under a time limit.
+// Test fixture for the SNMP agent: an engine on a free loopback port (or behind
+// Debian's snmpd as AgentX master) served by a thread of the test's own, and the
+// Net-SNMP command-line tools under a time limit.
 #ifndef ZELTA_TESTS_SNMP_FIXTURE_H_
 #define ZELTA_TESTS_SNMP_FIXTURE_H_
 
@@ -20,6 +21,7 @@
 
 #include "../lib/src/agentengine.h"
 #include "loopback.h"
+#include "snmpd_master.h"
 #include "test_util.h"
 #include "zelta/mibtypes.h"
 #include "zelta/parammanager.h"
@@ -87,12 +89,27 @@ inline std::string valueOf(const std::string& out, const std::string& name) {
   return out.substr(at, out.find('\n', at) - at);
 }
 
-// An engine on 127.0.0.1 with the test's entries, served by a thread until TearDown.
+// How a test's requests reach the agent: on its own port, or through Debian's
+// snmpd as AgentX master, the agent being its subagent.
+enum class Route { Direct, ThroughMaster };
+inline std::string routeName(const testing::TestParamInfo<Route>& info) {
+  return info.param == Route::Direct ? "Direct" : "ThroughMaster";
+}
+// The tests of fixture `Base` (TEST_P), run once for each route.
+template <class Base>
+class Routed : public Base, public testing::WithParamInterface<Route> {
+ protected:
+  Routed() { this->route = this->GetParam(); }
+};
+
+// An engine with the test's entries, on 127.0.0.1 or behind a master started
+// for the test, served by a thread until TearDown.
 class AgentTest : public ::testing::Test {
  protected:
   // A port found free may be taken again before the agent binds it (a tool's
   // source port, a parallel test): a few tries with fresh ports.
   bool startAgent(const std::vector<MibEntry*>& entries, AgentConfig config = AgentConfig()) {
+    if (route == Route::ThroughMaster) return startSubagent(entries, config);
     for (int attempt = 0; attempt < 5; ++attempt) {
       if (startAgentOn(freeUdpPort(), entries, config)) return true;
     }
@@ -101,6 +118,20 @@ class AgentTest : public ::testing::Test {
   bool startAgentOn(int freePort, const std::vector<MibEntry*>& entries, AgentConfig config) {
     config.listenAddress = "127.0.0.1";
     config.port = port = freePort;
+    return serve(entries, config);
+  }
+  // Requests then go to the master's port; the engine registered with it
+  // before initialize() returned.
+  bool startSubagent(const std::vector<MibEntry*>& entries, AgentConfig config) {
+    if (!master) master = std::make_unique<SnmpdMaster>();
+    if (!master->running() && !master->start()) return false;
+    config.agentxMaster = master->agentx();
+    config.agentxPingSeconds = 1;
+    port = master->port();
+    ours = entries.empty() ? "" : "." + entries.front()->getOid();
+    return serve(entries, config) && AgentEngine::isConnectedToMaster();
+  }
+  bool serve(const std::vector<MibEntry*>& entries, const AgentConfig& config) {
     auto started = std::make_shared<std::promise<bool>>();
     std::future<bool> ready = started->get_future();
     stopFlag = false;
@@ -122,19 +153,30 @@ class AgentTest : public ::testing::Test {
     engine.wakeUp();
     server.join();
   }
-  void TearDown() override { stopAgent(); }
+  void TearDown() override {
+    stopAgent();
+    master.reset();
+  }
 
   std::string target() const { return "127.0.0.1:" + std::to_string(port); }
   // A tool call with the common options; `version` is "1" or "2c".
   ToolResult tool(const std::string& name, const std::string& version, const std::string& community, Strings rest) {
     Strings args{name, "-v", version, "-c", community, "-On", "-Oe", "-t", "1", "-r", "0", target()};
     args.insert(args.end(), rest.begin(), rest.end());
-    return runTool(args);
+    ToolResult result = runTool(args);
+    // Through a master the agent writes when snmpd tells it to clean up,
+    // right after snmpd answered the SET; a request to the agent behind it
+    // waits for that.
+    if (route == Route::ThroughMaster && name == "snmpset") get("2c", {ours});
+    return result;
   }
   ToolResult get(const std::string& v, const Strings& oids) { return tool("snmpget", v, "public", oids); }
   std::string fetch(const std::string& oid, const std::string& v = "2c") { return valueOf(get(v, {oid}).out, oid); }
   // Why a SET of the (name, type, value) triples failed; "" when it worked.
   std::string refusal(const std::string& v, const Strings& s) { return reason(tool("snmpset", v, "vorpal", s).out); }
+  // A failed read in SNMPv1: snmpd as master answers any error of a
+  // subagent's object in a v1 read with noSuchName.
+  std::string v1ReadError() const { return route == Route::Direct ? "genError" : "noSuchName"; }
   // Each triple of `triples`, set alone, is refused for `v2` in v2c and for `v1` in SNMPv1.
   void expectEachRefused(const std::string& v2, const std::string& v1, const Strings& triples) {
     for (size_t i = 0; i + 2 < triples.size(); i += 3) {
@@ -144,6 +186,9 @@ class AgentTest : public ::testing::Test {
     }
   }
 
+  Route route = Route::Direct;
+  std::unique_ptr<SnmpdMaster> master;
+  std::string ours;  // an OID the master hands to the agent
   AgentEngine engine;
   std::thread server;
   std::atomic<bool> stopFlag{false};
@@ -164,6 +209,20 @@ inline std::unique_ptr<SNMPAgent> startServingAgent(ParamManager* manager, int& 
     agent->stop();
     agent->waitForFinish();
   }
+  return nullptr;
+}
+
+// An SNMPAgent registered with `master` as its subagent; null when it did
+// not get there.
+inline std::unique_ptr<SNMPAgent> startSubagent(ParamManager* manager, const SnmpdMaster& master) {
+  SNMPAgent::Options options;
+  options.agentxMaster = master.agentx();
+  options.agentxPingSeconds = 1;
+  auto agent = std::make_unique<SNMPAgent>(manager, options);
+  agent->start();
+  if (waitFor([&] { return agent->isConnectedToMaster(); }, std::chrono::milliseconds(10000))) return agent;
+  agent->stop();
+  agent->waitForFinish();
   return nullptr;
 }
 

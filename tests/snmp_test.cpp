@@ -1,5 +1,7 @@
 // The SNMP agent on the wire: scalar leaves, DynMibTable and the engine's life
-// cycle, driven with the Net-SNMP command-line tools against 127.0.0.1.
+// cycle, driven with the Net-SNMP command-line tools against 127.0.0.1. The
+// TEST_P tests run twice: against the engine's own port, and through snmpd as
+// AgentX master, where every status must come out the same.
 #include <poll.h>
 
 #include <clocale>
@@ -158,6 +160,9 @@ TEST_F(AgentTest, MalformedDatagramsCannotFillTheLog) {
 
 // ---- Scalar groups: few registrations, the wire as with one per scalar
 
+using RoutedAgentTest = Routed<AgentTest>;
+INSTANTIATE_TEST_SUITE_P(, RoutedAgentTest, testing::Values(Route::Direct, Route::ThroughMaster), routeName);
+
 namespace {
 
 // The OIDs of a tool's output lines ("OID = ..."), in order.
@@ -175,8 +180,9 @@ Strings oidsOf(const std::string& out) {
 // Scalars under several parents (one of them a prefix of another), a table
 // inside one parent's subtree, gaps, and a scalar made NOACCESS: GETNEXT,
 // GETBULK and another manager's library each see every object once, in OID
-// order, with the value a single GET gives.
-TEST_F(AgentTest, WalksCrossScalarGroupsTablesAndGapsInOrder) {
+// order, with the value a single GET gives. A master asks for the first
+// object of a registration with an inclusive range.
+TEST_P(RoutedAgentTest, WalksCrossScalarGroupsTablesAndGapsInOrder) {
   const std::string a = kBase + ".10", c = kBase + ".11";
   const Strings scalarOids{kBase + ".9.1.0", a + ".1.0",   a + ".2.0", a + ".5.0", a + ".7.0",
                            a + ".7.1.0",     a + ".7.2.0", a + ".8.0", c + ".1.0"};
@@ -227,7 +233,7 @@ for error, status, index, binds in bulkCmd(SnmpEngine(), CommunityData('public')
 
 // One PDU over two scalar groups: a refused binding in either group leaves
 // both values as they were; accepted, both change.
-TEST_F(AgentTest, ASetAcrossScalarGroupsIsAllOrNothing) {
+TEST_P(RoutedAgentTest, ASetAcrossScalarGroupsIsAllOrNothing) {
   Scalar first(kBase + ".10.1.0", Variant(1L), as<IntMibLeaf>), second(kBase + ".11.1.0", Variant(2L), as<IntMibLeaf>);
   ASSERT_TRUE(startAgent({first.info.getEntry(), second.info.getEntry()}));
   const std::string x = kBase + ".10.1.0", y = kBase + ".11.1.0";
@@ -245,7 +251,7 @@ TEST_F(AgentTest, ASetAcrossScalarGroupsIsAllOrNothing) {
 
 // ---- Scalar leaves
 
-class ScalarTest : public AgentTest {
+class ScalarTest : public Routed<AgentTest> {
  protected:
   void SetUp() override {
     ASSERT_TRUE(startAgent({integer.info.getEntry(), ranged.info.getEntry(), ticks.info.getEntry(), ip.info.getEntry(),
@@ -260,7 +266,9 @@ class ScalarTest : public AgentTest {
   Scalar logaddr{7, Variant(reinterpret_cast<const unsigned char*>("00001234")), as<LogaddrmainMibLeaf>};
 };
 
-TEST_F(ScalarTest, ReadsAfterTheFillerAndWritesEveryKindOnce) {
+INSTANTIATE_TEST_SUITE_P(, ScalarTest, testing::Values(Route::Direct, Route::ThroughMaster), routeName);
+
+TEST_P(ScalarTest, ReadsAfterTheFillerAndWritesEveryKindOnce) {
   const Strings shown{leaf(1), "INTEGER: 42",         leaf(3), "Timeticks: (12345) 0:02:03.45",
                       leaf(4), "IpAddress: 10.1.2.3", leaf(5), "STRING: \"hello\"",
                       leaf(7), "STRING: \"00001234\""};
@@ -283,10 +291,10 @@ TEST_F(ScalarTest, ReadsAfterTheFillerAndWritesEveryKindOnce) {
 
   integer.listener.fillResult = false;
   EXPECT_EQ(reason(get("2c", {leaf(1)}).out), "resourceUnavailable");
-  EXPECT_EQ(reason(get("1", {leaf(1)}).out), "genError");
+  EXPECT_EQ(reason(get("1", {leaf(1)}).out), v1ReadError());
 }
 
-TEST_F(ScalarTest, RefusalsCarryTheirStatusAndChangeNothing) {
+TEST_P(ScalarTest, RefusalsCarryTheirStatusAndChangeNothing) {
   expectEachRefused("wrongType", "badValue",
                     {leaf(1), "s", "x", leaf(3), "i", "5", leaf(4), "s", "1.2.3.4", leaf(7), "i", "8"});
   // The validator refuses 13; the range of leaf 2 is 1..10.
@@ -310,7 +318,7 @@ TEST_F(ScalarTest, RefusalsCarryTheirStatusAndChangeNothing) {
 
 // ---- DynMibTable: one with one index at kBase.2, one with two at kBase.3.
 
-class TableTest : public AgentTest {
+class TableTest : public Routed<AgentTest> {
  protected:
   TableTest() {
     auto not13 = [](const Variant& v, const ExtraInfo*) { return v.getLong() != 13; };
@@ -346,7 +354,9 @@ class TableTest : public AgentTest {
   SNMPInfo info{kBase + ".2.1", READCREATE}, info2{kBase + ".3.1", READCREATE};
 };
 
-TEST_F(TableTest, ReadsCellsAfterTheFiller) {
+INSTANTIATE_TEST_SUITE_P(, TableTest, testing::Values(Route::Direct, Route::ThroughMaster), routeName);
+
+TEST_P(TableTest, ReadsCellsAfterTheFiller) {
   const Strings shown{cell(3, "1"), "INTEGER: 7",          cell(4, "1"), "STRING: \"one\"",
                       cell(5, "1"), "IpAddress: 10.0.0.1", cell(2, "1"), "INTEGER: 1"};
   ToolResult r = get("2c", {cell(3, "1"), cell(4, "1"), cell(5, "1"), cell(2, "1"), cell(3, "9")});
@@ -359,10 +369,10 @@ TEST_F(TableTest, ReadsCellsAfterTheFiller) {
   listener.fillThrows = false;
   listener.fillResult = false;
   EXPECT_EQ(reason(get("2c", {cell(3, "1")}).out), "resourceUnavailable");
-  EXPECT_EQ(reason(get("1", {cell(3, "1")}).out), "genError");
+  EXPECT_EQ(reason(get("1", {cell(3, "1")}).out), v1ReadError());
 }
 
-TEST_F(TableTest, RefusalsCarryTheirStatusAndChangeNothing) {
+TEST_P(TableTest, RefusalsCarryTheirStatusAndChangeNothing) {
   expectEachRefused("wrongType", "badValue",
                     {cell(2, "1"), "s", "1", cell(3, "1"), "s", "1", cell(4, "1"), "i", "1", cell(5, "1"), "s", "1",
                      cell(6, "1"), "i", "1", cell(7, "1"), "i", "1"});
@@ -393,7 +403,7 @@ TEST_F(TableTest, RefusalsCarryTheirStatusAndChangeNothing) {
   EXPECT_EQ(listener.changes, Strings{});
 }
 
-TEST_F(TableTest, CellSetsAndTheRowStatusLifeCycleNotifyInOrder) {
+TEST_P(TableTest, CellSetsAndTheRowStatusLifeCycleNotifyInOrder) {
   ToolResult r = tool("snmpset", "2c", "vorpal", {cell(3, "1"), "i", "50", cell(4, "1"), "s", "fifty"});
   EXPECT_EQ(valueOf(r.out, cell(3, "1")), "INTEGER: 50") << r.out;
   EXPECT_EQ(table()[{1}][3].getLong(), 50);
@@ -425,7 +435,7 @@ TEST_F(TableTest, CellSetsAndTheRowStatusLifeCycleNotifyInOrder) {
                "new row deleted (2, -1, .4)", "new row deactivated (4, -1, .2)", "new row deleted (2, -1, .2)"}));
 }
 
-TEST_F(TableTest, RowsHaveTwoComponentIndexes) {
+TEST_P(TableTest, RowsHaveTwoComponentIndexes) {
   EXPECT_EQ(refusal("2c", {cell(3, "3.4", ".3"), "i", "4", cell(5, "3.4", ".3"), "i", "-2"}), "");
   EXPECT_EQ((value2.getTable()[{3, 4}].at(5).getLong()), -2);
   ToolResult walk = tool("snmpbulkwalk", "2c", "public", {kBase + ".3"});
@@ -438,7 +448,7 @@ TEST_F(TableTest, RowsHaveTwoComponentIndexes) {
   EXPECT_EQ(listener.changes.size(), 2u);
 }
 
-TEST_F(TableTest, SurvivesRestartsAndDuplicateRegistrations) {
+TEST_P(TableTest, SurvivesRestartsAndDuplicateRegistrations) {
   // A second object on an OID already served is refused; the first keeps serving.
   Scalar once{9, Variant(1L), as<IntMibLeaf>}, twice{9, Variant(2L), as<IntMibLeaf>};
   Variant otherTable{Table(&def)};
@@ -458,7 +468,7 @@ TEST_F(TableTest, SurvivesRestartsAndDuplicateRegistrations) {
 // An object made NOACCESS at run time answers like one never published, to
 // GET, GETNEXT and walks alike, without asking its filler; it is served again
 // once its access is back.
-TEST_F(TableTest, NoAccessAtRunTimeHidesTheObjectUntilRestored) {
+TEST_P(TableTest, NoAccessAtRunTimeHidesTheObjectUntilRestored) {
   Scalar scalar{9, Variant(5L), as<IntMibLeaf>};
   stopAgent();
   ASSERT_TRUE(startAgent({scalar.info.getEntry(), info.getEntry()}));
@@ -484,7 +494,7 @@ TEST_F(TableTest, NoAccessAtRunTimeHidesTheObjectUntilRestored) {
   EXPECT_EQ(valueOf(walk.out, cell(3, "1")), "INTEGER: 7");
 }
 
-TEST_F(TableTest, RowsAddedInCodeAreActiveWithoutNoticeAndAThousandAreWalked) {
+TEST_P(TableTest, RowsAddedInCodeAreActiveWithoutNoticeAndAThousandAreWalked) {
   EXPECT_FALSE(mib().addRow({1, 2}, {}));
   EXPECT_TRUE(mib().addRow({8}, {{3, Variant(33L)}, {5, Variant("10.0.0.8")}}));
   EXPECT_EQ(fetch(cell(3, "8")), "INTEGER: 33");
@@ -502,7 +512,11 @@ TEST_F(TableTest, RowsAddedInCodeAreActiveWithoutNoticeAndAThousandAreWalked) {
   }
 }
 
-TEST_F(TableTest, SurvivesRandomisedRequests) {
+TEST_P(TableTest, SurvivesRandomisedRequests) {
+  // Through a master this would test snmpd, which the flood can wedge: 5.9.3
+  // fails to forward a SET whose value AgentX cannot carry (type 0x45, say)
+  // and then waits for that SET to finish, answering nothing else.
+  if (route == Route::ThroughMaster) GTEST_SKIP() << "snmpd's own robustness";
   Strings payloads{tlv(0x43, "\x01\x02"), tlv(0x05, ""), berOid({1, 3, 6, 1})};
   for (int v : {-1, 0, 2, 3, 4, 5, 6, 12, 100}) payloads.push_back(berInt(v));
   for (size_t n : {0, 7, 8, 9, 17, 1100, 1500}) payloads.push_back(tlv(0x04, std::string(n, 'z')));

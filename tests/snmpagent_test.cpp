@@ -1,5 +1,6 @@
 // SNMPAgent over a ParamManager: what a manager writes lands in the group
-// files, and the agent's life cycle logs what it did.
+// files (on the agent's own port and through snmpd as AgentX master), and the
+// agent's life cycle logs what it did.
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -14,6 +15,7 @@ using namespace Quorvel::Kvan::SNMP;
 using std::chrono::milliseconds;
 using zelta_test::captureLog;
 using zelta_test::freeUdpPort;
+using zelta_test::Route;
 using zelta_test::runTool;
 using zelta_test::TempDir;
 using zelta_test::ToolResult;
@@ -57,7 +59,14 @@ struct Device {
 class SNMPAgentTest : public testing::Test {
  protected:
   void startAgent() {
-    agent = zelta_test::startServingAgent(&device->manager, port);
+    if (route == Route::ThroughMaster) {
+      master = std::make_unique<zelta_test::SnmpdMaster>();
+      ASSERT_TRUE(master->start());
+      port = master->port();
+      agent = zelta_test::startSubagent(&device->manager, *master);
+    } else {
+      agent = zelta_test::startServingAgent(&device->manager, port);
+    }
     ASSERT_NE(agent, nullptr);
   }
   void TearDown() override {
@@ -65,6 +74,7 @@ class SNMPAgentTest : public testing::Test {
       agent->stop();
       agent->waitForFinish();
     }
+    master.reset();
     // Let a pending auto-save finish before the groups go away.
     waitFor([&] { return !device->settings.isWorkerRunning() && !device->network.isWorkerRunning(); },
             milliseconds(6000));
@@ -76,15 +86,21 @@ class SNMPAgentTest : public testing::Test {
     return runTool(args);
   }
 
+  Route route = Route::Direct;
   TempDir dir;
   std::unique_ptr<Device> device = std::make_unique<Device>(dir.path());
+  std::unique_ptr<zelta_test::SnmpdMaster> master;
   std::unique_ptr<SNMPAgent> agent;
   int port = 0;
 };
 
+using RoutedSNMPAgentTest = zelta_test::Routed<SNMPAgentTest>;
+INSTANTIATE_TEST_SUITE_P(, RoutedSNMPAgentTest, testing::Values(Route::Direct, Route::ThroughMaster),
+                         zelta_test::routeName);
+
 }  // namespace
 
-TEST_F(SNMPAgentTest, ManagerWritesLandInTheGroupFiles) {
+TEST_P(RoutedSNMPAgentTest, ManagerWritesLandInTheGroupFiles) {
   dir.write("network.txt", "routes.1 = 3:64:10.0.0.1 4:2:3 \n");
   device->manager.loadAllGroups();
   startAgent();
@@ -183,7 +199,7 @@ TEST_F(SNMPAgentTest, BusyPortFailsAndTheNextStartWorks) {
 }
 
 // A host hook that throws must not take the device down: the request fails.
-TEST_F(SNMPAgentTest, ThrowingHookFailsTheRequestOnly) {
+TEST_P(RoutedSNMPAgentTest, ThrowingHookFailsTheRequestOnly) {
   device->volume.setValidator([](const Variant&, const ExtraInfo*) -> bool { throw std::runtime_error("bad hook"); });
   startAgent();
   std::string log = captureLog(ERROR, [&] {

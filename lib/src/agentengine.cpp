@@ -1,5 +1,5 @@
-// The Net-SNMP master agent: in-code configuration, the request loop and a
-// shut-down that leaves the process ready for another start.
+// The Net-SNMP agent (master or AgentX subagent): in-code configuration, the
+// request loop and a shut-down that leaves the process ready for another start.
 #include "snmpinternal.h"
 
 #include <fcntl.h>
@@ -15,6 +15,7 @@
 #include <cstring>
 
 #include "agentengine.h"
+#include "agentxlink.h"
 #include "liblock.h"
 #include "ratelimit.h"
 #include "scalarindex.h"
@@ -83,6 +84,7 @@ int logCallback(int /*major*/, int /*minor*/, void* serverarg, void* /*clientarg
     level = INFO;
   // Lines the channel drops anyway cost no more than the level check.
   if (level > Log["libzelta"].level.load(std::memory_order_relaxed)) return 0;
+  if (agentx::isSessionLine(message->msg)) return 0;
   {
     NetSnmpLogLimit& limit = netSnmpLogLimit();
     std::lock_guard<std::mutex> lock(limit.mutex);
@@ -119,6 +121,8 @@ void rememberConfig(const AgentConfig& config) {
   // No MIB file is parsed: the agent needs none, and parsing costs start-up
   // time and file reads.
   remember("mibs :");
+  // A subagent's managers talk to the master, which checks who they are.
+  if (config.isSubagent()) return;
   std::string word;
   // The community lines accept every source that can reach the socket; the
   // listen address is what limits who can.
@@ -171,11 +175,16 @@ void setOptions(const AgentConfig& config, const std::string& persistentDir) {
   // MIB directories are scanned even when no MIB is loaded; point the scan
   // at a directory of ours.
   netsnmp_ds_set_string(NETSNMP_DS_LIBRARY_ID, NETSNMP_DS_LIB_MIBDIRS, persistentDir.c_str());
-  // A master agent without AgentX socket, embedded Perl or connection log.
-  netsnmp_ds_set_boolean(NETSNMP_DS_APPLICATION_ID, NETSNMP_DS_AGENT_ROLE, 0);
+  // Alarms (the AgentX ping among them) run from the request loop, not
+  // from a SIGALRM handler in whichever host thread the signal meets.
+  netsnmp_ds_set_boolean(NETSNMP_DS_LIBRARY_ID, NETSNMP_DS_LIB_ALARM_DONT_USE_SIG, 1);
+  // Either role, without AgentX master socket, embedded Perl or connection
+  // log.
+  agentx::setOptions(config);
   netsnmp_ds_set_boolean(NETSNMP_DS_APPLICATION_ID, NETSNMP_DS_AGENT_AGENTX_MASTER, 0);
   netsnmp_ds_set_boolean(NETSNMP_DS_APPLICATION_ID, NETSNMP_DS_AGENT_DISABLE_PERL, 1);
   netsnmp_ds_set_boolean(NETSNMP_DS_APPLICATION_ID, NETSNMP_DS_AGENT_DONT_LOG_TCPWRAPPERS_CONNECTS, 1);
+  if (config.isSubagent()) return;
   std::string endpoint = "udp:";
   if (!config.listenAddress.empty()) endpoint += config.listenAddress + ":";
   endpoint += std::to_string(config.port);
@@ -252,7 +261,8 @@ bool AgentEngine::initialize(const AgentConfig& config, const std::vector<MibEnt
     cleanUp_nolock();
     return false;
   }
-  initStandardGroups(config.systemGroup);
+  // A subagent's master serves the standard groups.
+  if (!config.isSubagent()) initStandardGroups(config.systemGroup);
   // Tables and other objects first: the scalar index then knows what lies
   // between its scalars.
   auto refuse = [&](size_t position, const MibEntry* entry) {
@@ -285,8 +295,10 @@ bool AgentEngine::initialize(const AgentConfig& config, const std::vector<MibEnt
   // init_snmp sets LC_CTYPE from the environment; the host's setting stays.
   const char* current = setlocale(LC_CTYPE, nullptr);
   std::string savedLocale = current != nullptr ? current : "C";
-  init_snmp(kAppName);
+  if (config.isSubagent()) agentx::watch(config);
+  init_snmp(kAppName);  // a subagent's first attempt to reach its master
   setlocale(LC_CTYPE, savedLocale.c_str());
+  if (config.isSubagent()) agentx::started();
 
   if (init_master_agent() != 0) {
     Log["libzelta"].append(DEBUG, "AgentEngine: cannot open %s:%d\n",
@@ -329,7 +341,12 @@ void AgentEngine::serveOnce(int maxSeconds) {
         while (read(wakePipe[0], drain, sizeof drain) > 0) {
         }
       }
-      snmp_read2(&fds);
+      // Another thread may have read a session since (a subagent's
+      // exchange with its master when a host thread destroys a published
+      // object): on a stream a read that finds nothing counts as a lost
+      // connection, so only what is readable now is read.
+      struct timeval now = {0, 0};
+      if (select(numfds, fds.lfs_setptr, nullptr, nullptr, &now) > 0) snmp_read2(&fds);
     } else if (count == 0) {
       snmp_timeout();
     } else if (selectErrno != EINTR) {
@@ -364,6 +381,7 @@ void AgentEngine::cleanUp_nolock() {
   for (MibEntry* entry : registered) entry->unregisterEntry();
   registered.clear();
   scalars->clear();
+  agentx::unwatch();
   snmp_shutdown(kAppName);
   shutdown_master_agent();
   shutdown_agent();
@@ -374,6 +392,8 @@ void AgentEngine::cleanUp_nolock() {
   initialized = false;
   activeEngine = nullptr;
 }
+
+bool AgentEngine::isConnectedToMaster() { return agentx::isConnected(); }
 
 void AgentEngine::forgetEntry_nolock(MibEntry* entry) {
   if (activeEngine == nullptr) return;

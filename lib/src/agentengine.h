@@ -1,5 +1,6 @@
-// The Net-SNMP master agent inside the host process: set-up from in-code
-// options, one turn of the request loop, and shut-down.
+// The Net-SNMP agent inside the host process, a master on its own port or an
+// AgentX subagent: set-up from in-code options, one turn of the request loop,
+// and shut-down.
 //
 // Net-SNMP keeps global state, so one engine runs per process at a time; a
 // stopped engine can be initialised again. Every Net-SNMP call happens on the
@@ -50,6 +51,16 @@ struct AgentConfig {
   // directory, removed by shutdown(). Nothing is written there in practice,
   // since persistence is switched off.
   std::string persistentDir;
+  // AgentX subagent role: the master agent's AgentX address (a Unix socket
+  // path, or "tcp:HOST:PORT"); "" serves SNMP on the UDP port above. A
+  // subagent opens no port and registers no standard group: the master
+  // answers the managers, checks their communities and serves those groups.
+  std::string agentxMaster;
+  // Seconds between pings of the master, and between attempts to reach it
+  // while it is away (at least 1).
+  int agentxPingSeconds = 5;
+
+  bool isSubagent() const { return !agentxMaster.empty(); }
 };
 
 // Exported for the tests only; not part of the public headers.
@@ -67,6 +78,9 @@ class ZELTA_EXPORT AgentEngine {
   // another engine runs in the process (WARNING line); everything is then
   // cleaned up, so a later call can succeed. The entries stay owned by the
   // caller and must live until shutdown().
+  // A subagent registers no standard group and opens no port: it connects
+  // to its master here, or keeps trying from serveOnce() when the master is
+  // not there: a master that is away does not fail it.
   // `keys`, when given, names each entry (its parameter's key) in the ERROR
   // line of an entry that cannot be published.
   bool initialize(const AgentConfig& config, const std::vector<MibEntry*>& entries,
@@ -86,6 +100,8 @@ class ZELTA_EXPORT AgentEngine {
   static void forgetEntry_nolock(MibEntry* entry);
 
   bool isInitialized() const { return initialized; }
+  // Subagent role: true while the master holds our registrations. Any thread.
+  static bool isConnectedToMaster();
   // Entries registered by the last successful initialize().
   const std::vector<MibEntry*>& registeredEntries() const { return registered; }
 

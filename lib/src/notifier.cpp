@@ -153,7 +153,8 @@ void Notifier::start(const SNMPAgent::Options& options) {
   }
   running = true;
   activeNotifier = this;
-  send_nolock(kColdStart, nullptr);
+  // A subagent's master announces its own start; a subagent sends none.
+  if (options.agentxMaster.empty()) send_nolock(kColdStart, nullptr);
 }
 
 void Notifier::stop() {

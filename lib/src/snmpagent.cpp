@@ -51,6 +51,10 @@ void SNMPAgent::waitForFinish() {
   if (thread && thread->joinable()) thread->join();
 }
 
+bool SNMPAgent::isConnectedToMaster() const {
+  return running && !options.agentxMaster.empty() && AgentEngine::isConnectedToMaster();
+}
+
 void SNMPAgent::addEntry(const std::string& key, MibEntry* entry) { extraEntries.emplace_back(key, entry); }
 
 bool SNMPAgent::notifyChange(const MibEntry& entry) {
@@ -121,6 +125,8 @@ bool SNMPAgent::initializeAgent() {
   config.sysContact = options.sysContact;
   config.sysLocation = options.sysLocation;
   config.persistentDir = options.persistentDir;
+  config.agentxMaster = options.agentxMaster;
+  config.agentxPingSeconds = options.agentxPingSeconds;
   std::vector<MibEntry*> toServe;
   std::vector<const std::string*> keys;
   toServe.reserve(entries.size());
@@ -130,10 +136,17 @@ bool SNMPAgent::initializeAgent() {
     keys.push_back(&key);
   }
   if (!engine->initialize(config, toServe, &keys)) {
-    Log["libzelta"].append(WARNING, "SNMPAgent: SNMP cannot listen on port %d\n", options.port);
+    if (config.isSubagent())
+      Log["libzelta"].append(WARNING, "SNMPAgent: cannot start the AgentX subagent of %s\n",
+                             config.agentxMaster.c_str());
+    else
+      Log["libzelta"].append(WARNING, "SNMPAgent: SNMP cannot listen on port %d\n", options.port);
     return false;
   }
-  Log["libzelta"].append(INFO, "SNMPAgent: SNMP listen port %d\n", options.port);
+  if (config.isSubagent())
+    Log["libzelta"].append(INFO, "SNMPAgent: AgentX subagent of the master at %s\n", config.agentxMaster.c_str());
+  else
+    Log["libzelta"].append(INFO, "SNMPAgent: SNMP listen port %d\n", options.port);
   Log["libzelta"].append(INFO, "SNMPAgent: handling %d RO entries, %d RW entries\n", readOnlyCount, readWriteCount);
   return true;
 }

@@ -1,7 +1,11 @@
 // The SNMP agent of the library: a thread of its own that opens a UDP port and
 // serves the SNMP object of every published parameter of a ParamManager, with
 // the standard snmp, target, notification and system groups, and sends
-// coldStart and change notifications (README, "Notifications").
+// coldStart and change notifications (README, "Notifications"). As an AgentX
+// subagent (Options::agentxMaster) it opens no port: it registers the same
+// objects with the device's master agent (snmpd with `master agentx`), which
+// answers the managers and serves the standard groups itself. It waits for a
+// master that is not there yet and comes back to one that restarts.
 //
 // Thread safety: stop() may be called from any host thread at any time.
 // start(), waitForFinish() and the destructor may be called from any host
@@ -73,6 +77,8 @@ class ZELTA_EXPORT SNMPAgent {
     std::vector<NotifyTarget> notifyTargets;  // receivers of coldStart and change notifications
     std::string changeNotificationOid;        // snmpTrapOID of change notifications; "" = none are sent
     size_t maxPendingInforms = 256;           // unacknowledged informs kept for retries; the oldest go first
+    std::string agentxMaster;                 // AgentX master (socket path, tcp:HOST:PORT) to serve through; "" = port
+    int agentxPingSeconds = 5;                // subagent: seconds between pings of the master, and between reconnects
   };
 
   // No I/O: the port is opened by the agent thread.
@@ -94,6 +100,9 @@ class ZELTA_EXPORT SNMPAgent {
   // True once the agent thread has ended: after a stop, or at once when the
   // port could not be opened. False again after start().
   bool hasFinished() const { return finished.load(); }
+  // Subagent role: true while the master holds our objects (registered, and
+  // answering pings). Any thread.
+  bool isConnectedToMaster() const;
 
   // Publishes one more object with the next start, besides the manager's
   // parameters. The SNMPInfo keeps owning the entry.

@@ -1,0 +1,125 @@
+// SNMPAgent as AgentX subagent of Debian's snmpd, beyond the wire statuses
+// (snmp_test and snmpagent_test run those through a master too): the master's
+// objects beside ours, one SET over both, a master that comes late or restarts.
+#include <gtest/gtest.h>
+
+#include "snmp_fixture.h"
+
+namespace zelta_test {
+namespace {
+
+using std::chrono::milliseconds;
+
+const std::string kBase = ".1.3.6.1.4.1.99999.7", kVolume = kBase + ".1.0", kSysContact = ".1.3.6.1.2.1.1.4.0";
+
+// A ranged scalar, and a table whose column 3 refuses 13 when the SET is
+// committed, after every binding was checked.
+struct Host {
+  explicit Host(const std::string& dir) : settings("settings", dir + "/settings.txt") {
+    manager.add("volume", &volume);
+    manager.add("routes", &routes);
+  }
+  ParamGroup settings;
+  std::map<unsigned int, FieldType> fields{
+      {3, FieldType(
+              INTEGER, [](const Variant& v, const ExtraInfo*) { return v.getLong() != 13; }, 0, 100)}};
+  TableDef def{{1}, 2, fields, 1};
+  SNMPInfo volumeInfo{kVolume, READWRITE}, routesInfo{kBase + ".2.1", READCREATE};
+  Param volume{settings, INTEGER, Variant(7), &volumeInfo, SAVE_ON_CHANGE, {0, 100}};
+  Param routes{settings, TABLE, Variant(Table(&def)), &routesInfo};
+  ParamManager manager;
+};
+
+ToolResult snmp(const SnmpdMaster& master, const std::string& tool, Strings rest) {
+  Strings args{tool, "-v2c", "-c",           tool == "snmpset" ? "vorpal" : "public", "-On", "-t", "2",
+               "-r", "0",    master.target()};
+  args.insert(args.end(), rest.begin(), rest.end());
+  return runTool(args);
+}
+std::string get(const SnmpdMaster& master, const std::string& oid) {
+  return valueOf(snmp(master, "snmpget", {oid}).out, oid);
+}
+
+}  // namespace
+
+// Over TCP: one walk over snmpd's objects (sysDescr, ifTable, ...) and ours;
+// SETs refused while snmpd checks the bindings (TestSet) and while it commits
+// them (CommitSet, once it set its own) leave sysContact as it was.
+TEST(SubagentTest, ServesBesideTheMastersObjectsAndARefusedSetChangesNeither) {
+  TempDir dir;
+  Host host(dir.path());
+  SnmpdMaster master(true);
+  ASSERT_TRUE(master.start());
+  auto agent = startSubagent(&host.manager, master);
+  ASSERT_NE(agent, nullptr);
+
+  ToolResult walk = snmp(master, "snmpbulkwalk", {".1.3.6.1"});
+  EXPECT_EQ(walk.exitCode, 0) << walk.out;  // the tool fails on an OID out of order
+  for (const std::string& line : Strings{"\n.1.3.6.1.2.1.1.1.0 = STRING: ", "\n.1.3.6.1.2.1.2.2.1.1.1 = INTEGER: 1\n",
+                                         "\n" + kVolume + " = INTEGER: 7\n"})
+    EXPECT_NE(walk.out.find(line), std::string::npos) << line;
+
+  const std::string cell = kBase + ".2.1.3.1", contact = get(master, kSysContact);
+  ASSERT_EQ(reason(snmp(master, "snmpset", {kBase + ".2.1.2.1", "i", "4", cell, "i", "5"}).out), "");
+  EXPECT_EQ(reason(snmp(master, "snmpset", {kSysContact, "s", "x", kVolume, "i", "420"}).out), "wrongValue");
+  EXPECT_EQ(reason(snmp(master, "snmpset", {kSysContact, "s", "x", cell, "i", "13"}).out), "commitFailed");
+  EXPECT_EQ(get(master, kSysContact), contact);
+  EXPECT_EQ(reason(snmp(master, "snmpset", {kSysContact, "s", "both", kVolume, "i", "9"}).out), "");
+  EXPECT_EQ(get(master, kSysContact), "STRING: \"both\"");
+  EXPECT_EQ(get(master, kVolume), "INTEGER: 9");  // written by now, as snmpd finished the SET
+  EXPECT_EQ(host.volume.getValueCopy().getLong(), 9);
+}
+
+// Started before its master; the master killed and started again, the host
+// changing a value meanwhile; the agent restarted while the master is away.
+TEST(SubagentTest, WaitsForItsMasterAndComesBackAfterEachRestart) {
+  TempDir dir;
+  Host host(dir.path());
+  SnmpdMaster master;
+  SNMPAgent::Options options;
+  options.agentxMaster = master.agentx();
+  options.agentxPingSeconds = 1;
+  SNMPAgent agent(&host.manager, options);
+  const milliseconds back(4000);  // a ping interval, and slack for sanitizers
+  auto lose = [&] {
+    master.stop(SIGKILL);
+    return waitFor([&] { return !agent.isConnectedToMaster(); }, milliseconds(5000));
+  };
+  const std::string log = captureLog(INFO, [&] {
+    agent.start();
+    ASSERT_TRUE(waitFor([&] { return agent.isRunning(); }, milliseconds(10000)));
+    ASSERT_TRUE(master.start());
+    EXPECT_TRUE(waitFor([&] { return get(master, kVolume) == "INTEGER: 7"; }, back));
+
+    ASSERT_TRUE(lose());
+    const auto start = std::chrono::steady_clock::now();
+    host.volume.setValue(55L);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, milliseconds(200));
+    EXPECT_TRUE(host.settings.save());
+    std::this_thread::sleep_for(milliseconds(2200));  // a few attempts, one line
+    ASSERT_TRUE(master.start());
+    EXPECT_TRUE(waitFor([&] { return get(master, kVolume) == "INTEGER: 55"; }, back));
+
+    ASSERT_TRUE(lose());
+    agent.stop();
+    agent.waitForFinish();
+    agent.start();
+    ASSERT_TRUE(master.start());
+    EXPECT_TRUE(waitFor([&] { return get(master, kVolume) == "INTEGER: 55"; }, back));
+    agent.stop();
+    agent.waitForFinish();
+  });
+  EXPECT_NE(dir.read("settings.txt").find("volume.0 = 0:2:55\n"), std::string::npos);
+  auto count = [&](const std::string& line) {
+    size_t n = 0;
+    for (size_t at = log.find(line); at != std::string::npos; at = log.find(line, at + 1)) ++n;
+    return n;
+  };
+  EXPECT_EQ(count("AgentX: no master at " + master.agentx() + " yet; trying every 1 s\n"), 2u) << log;
+  EXPECT_EQ(count("AgentX: connected to the master"), 2u) << log;
+  EXPECT_EQ(count("AgentX: lost the master at " + master.agentx() + "; trying again every 1 s\n"), 2u) << log;
+  EXPECT_EQ(count("AgentX: reconnected to the master"), 1u) << log;
+  EXPECT_EQ(count("Net-SNMP: "), count("Net-SNMP: Created directory")) << log;  // no line of its own about AgentX
+}
+
+}  // namespace zelta_test
