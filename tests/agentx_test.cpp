@@ -31,10 +31,8 @@ struct Host {
 };
 
 ToolResult snmp(const SnmpdMaster& master, const std::string& tool, Strings rest) {
-  Strings args{tool, "-v2c", "-c",           tool == "snmpset" ? "vorpal" : "public", "-On", "-t", "2",
-               "-r", "0",    master.target()};
-  args.insert(args.end(), rest.begin(), rest.end());
-  return runTool(args);
+  rest.insert(rest.begin(), master.target());
+  return v2c(tool, rest);
 }
 std::string get(const SnmpdMaster& master, const std::string& oid) {
   return valueOf(snmp(master, "snmpget", {oid}).out, oid);
@@ -110,11 +108,7 @@ TEST(SubagentTest, WaitsForItsMasterAndComesBackAfterEachRestart) {
     agent.waitForFinish();
   });
   EXPECT_NE(dir.read("settings.txt").find("volume.0 = 0:2:55\n"), std::string::npos);
-  auto count = [&](const std::string& line) {
-    size_t n = 0;
-    for (size_t at = log.find(line); at != std::string::npos; at = log.find(line, at + 1)) ++n;
-    return n;
-  };
+  auto count = [&](const std::string& line) { return occurrences(log, line); };
   EXPECT_EQ(count("AgentX: no master at " + master.agentx() + " yet; trying every 1 s\n"), 2u) << log;
   EXPECT_EQ(count("AgentX: connected to the master"), 2u) << log;
   EXPECT_EQ(count("AgentX: lost the master at " + master.agentx() + "; trying again every 1 s\n"), 2u) << log;

@@ -111,11 +111,9 @@ class NotifyTest : public ::testing::Test {
     agent = startServingAgent(&params.manager, port, options);
     ASSERT_NE(agent, nullptr);
   }
-  ToolResult snmp(const std::string& tool, const Strings& rest) {
-    Strings args{tool, "-v", "2c", "-c", tool == "snmpset" ? "vorpal" : "public", "-On",
-                 "-t", "2",  "-r", "1",  "127.0.0.1:" + std::to_string(port)};
-    args.insert(args.end(), rest.begin(), rest.end());
-    return runTool(args);
+  ToolResult snmp(const std::string& tool, Strings rest) {
+    rest.insert(rest.begin(), "127.0.0.1:" + std::to_string(port));
+    return v2c(tool, rest);
   }
   ToolResult set(const Strings& triples) { return snmp("snmpset", triples); }
   // A patient target retries its informs every 200 ms for 20 s.

@@ -28,14 +28,6 @@ struct Recorder {
   }
 };
 
-int savesIn(const std::string& log) {
-  int n = 0;
-  for (size_t at = log.find("ParamGroup: - saved "); at != std::string::npos;
-       at = log.find("ParamGroup: - saved ", at + 1))
-    ++n;
-  return n;
-}
-
 }  // namespace
 
 TEST(Param, DefaultsByType) {
@@ -206,7 +198,7 @@ TEST(ParamGroup, AutoSaveRetriesAndRunsOnceAboutTwoSecondsAfterABurst) {
     EXPECT_LT(seconds, 4.5);
     ASSERT_TRUE(waitFor([&] { return !g.isWorkerRunning(); }, milliseconds(2000)));
   });
-  EXPECT_EQ(savesIn(log), 1);
+  EXPECT_EQ(zelta_test::occurrences(log, "ParamGroup: - saved "), 1u);
   EXPECT_NE(log.find("ParamGroup: name: auto, ticks: 2\n"), std::string::npos);
   EXPECT_NE(log.find("ParamGroup: name: auto, ticks elapsed, saving...\n"), std::string::npos);
 }

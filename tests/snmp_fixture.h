@@ -89,6 +89,14 @@ inline std::string valueOf(const std::string& out, const std::string& name) {
   return out.substr(at, out.find('\n', at) - at);
 }
 
+// An SNMPv2c tool call, one try of 3 s, numeric OIDs: community vorpal for
+// snmpset, public otherwise; `rest` starts with any options, then the target.
+inline ToolResult v2c(const std::string& tool, const Strings& rest) {
+  Strings args{tool, "-v2c", "-c", tool == "snmpset" ? "vorpal" : "public", "-On", "-t", "3", "-r", "0"};
+  args.insert(args.end(), rest.begin(), rest.end());
+  return runTool(args);
+}
+
 // How a test's requests reach the agent: on its own port, or through Debian's
 // snmpd as AgentX master, the agent being its subagent.
 enum class Route { Direct, ThroughMaster };
@@ -110,15 +118,12 @@ class AgentTest : public ::testing::Test {
   // source port, a parallel test): a few tries with fresh ports.
   bool startAgent(const std::vector<MibEntry*>& entries, AgentConfig config = AgentConfig()) {
     if (route == Route::ThroughMaster) return startSubagent(entries, config);
+    config.listenAddress = "127.0.0.1";
     for (int attempt = 0; attempt < 5; ++attempt) {
-      if (startAgentOn(freeUdpPort(), entries, config)) return true;
+      config.port = port = freeUdpPort();
+      if (serve(entries, config)) return true;
     }
     return false;
-  }
-  bool startAgentOn(int freePort, const std::vector<MibEntry*>& entries, AgentConfig config) {
-    config.listenAddress = "127.0.0.1";
-    config.port = port = freePort;
-    return serve(entries, config);
   }
   // Requests then go to the master's port; the engine registered with it
   // before initialize() returned.

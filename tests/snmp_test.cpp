@@ -13,33 +13,12 @@
 #include "snmp_fixture.h"
 #include "zelta/common.h"
 
-#if defined(__SANITIZE_ADDRESS__)
-// Sanitizer builds: Net-SNMP leaks start-up structures at every agent start.
-// The list of tests/lsan.supp is built in, so that a plain ctest run needs no
-// environment; full stacks, since Net-SNMP has no frame pointers.
-extern "C" const char* __asan_default_options();
-extern "C" const char* __lsan_default_suppressions();
-extern "C" const char* __asan_default_options() { return "fast_unwind_on_malloc=0"; }
-extern "C" const char* __lsan_default_suppressions() {
-  return "leak:netsnmp_certs_agent_init\n"
-         "leak:netsnmp_init_mib_internals\n"
-         "leak:init_sysORTable\n"
-         "leak:initialize_table_snmpNotifyFilterTable\n";
-}
-#endif
-
 namespace zelta_test {
 namespace {
 
 const std::string kBase = ".1.3.6.1.4.1.99999";
 
 std::string leaf(int n) { return kBase + ".1." + std::to_string(n) + ".0"; }
-
-size_t occurrences(const std::string& text, const std::string& what) {
-  size_t n = 0;
-  for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1)) ++n;
-  return n;
-}
 
 // Stands in for Param: refuses 13, fills as told, records each call as "reason
 // (action, column, .row)" and deletes the ExtraInfo it is given, as Param does.
