@@ -1,9 +1,6 @@
 // Notifications as Debian's snmptrapd receives them: coldStart, change
 // notifications of SETs and of the host, trap and inform delivery, and
 // targets a manager configures with SETs on the standard tables.
-#include <fcntl.h>
-#include <signal.h>
-
 #include <algorithm>
 
 #include "demo_params.h"
@@ -37,17 +34,9 @@ class TrapReceiver {
     dir_.write("trapd.conf",
                "disableAuthorization yes\nengineID zeltatrapd\n"
                "createUser tuser SHA authpass123 AES privpass123\n");
-    const std::string log = dir_.path() + "/log";
-    pid_ = fork();
-    if (pid_ == 0) {
-      setenv("SNMP_PERSISTENT_DIR", (dir_.path() + "/state").c_str(), 1);
-      setenv("MIBS", "", 1);
-      int devnull = open("/dev/null", O_RDWR);
-      dup2(devnull, 0), dup2(devnull, 1), dup2(devnull, 2);
-      execlp("snmptrapd", "snmptrapd", "-f", "-Lf", log.c_str(), "-C", "-c", (dir_.path() + "/trapd.conf").c_str(),
-             "-On", "-F", "%P|%V~%v\n", ("udp:127.0.0.1:" + std::to_string(port)).c_str(), nullptr);
-      _exit(127);
-    }
+    pid_ = spawnDaemon({"/usr/sbin/snmptrapd", "-f", "-Lf", dir_.file("log"), "-C", "-c", dir_.file("trapd.conf"),
+                        "-On", "-F", "%P|%V~%v\n", "udp:127.0.0.1:" + std::to_string(port)},
+                       {"SNMP_PERSISTENT_DIR=" + dir_.file("state"), "MIBS="});
     // It logs its version once the port is open.
     waitFor([&] { return dir_.read("log").find("NET-SNMP version") != std::string::npos; }, std::chrono::seconds(10));
   }
