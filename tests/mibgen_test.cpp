@@ -3,19 +3,14 @@
 // snmptable with the module loaded, against an agent serving the registry.
 #include "zelta/mibgen.h"
 
-#include <gtest/gtest.h>
-
 #include <algorithm>
 #include <deque>
 #include <functional>
 #include <random>
 #include <regex>
-#include <string>
-#include <vector>
 
 #include "demo_params.h"
 #include "snmp_fixture.h"
-#include "test_util.h"
 
 namespace zelta_test {
 namespace {
@@ -296,8 +291,7 @@ TEST(MibGen, AnAgentsModuleHasTheEntriesAddedToItToo) {
   Param unregistered{small.group, TIMETICKS, &info, NEVER_SAVE};
   SNMPAgent agent(&small.manager, 0);
   agent.addEntry("sinceBoot", info.getEntry());
-  std::string text;
-  std::string error;
+  std::string text, error;
   ASSERT_TRUE(generateMibModule(agent, small.options, text, error)) << error;
   EXPECT_NE(text.find("\nsinceBoot OBJECT-TYPE\n    SYNTAX      TimeTicks\n    MAX-ACCESS  read-only\n"),
             std::string::npos);

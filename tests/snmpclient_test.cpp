@@ -19,12 +19,6 @@ constexpr char kLocation[] = "1.3.6.1.2.1.1.6.0";
 
 double secondsSince(Clock::time_point start) { return std::chrono::duration<double>(Clock::now() - start).count(); }
 
-void onFourThreads(const std::function<void()>& fn) {
-  std::vector<std::thread> threads(4);
-  for (auto& thread : threads) thread = std::thread(fn);
-  for (auto& thread : threads) thread.join();
-}
-
 // Debian's snmpd on a free port of 127.0.0.1 and ::1.
 class SNMPClientAgainstSnmpd : public ::testing::Test {
  protected:
@@ -60,7 +54,7 @@ struct UdpSocket {
 
 }  // namespace
 
-TEST_F(SNMPClientAgainstSnmpd, GetsByAddressAndNameSetsBothBindingsServesFourThreadsAndFailsOnNoSuchName) {
+TEST_F(SNMPClientAgainstSnmpd, GetsByAddressAndNameSetsBothBindingsAndFailsOnNoSuchName) {
   Vb descr, upTime;
   std::string text;
   uint32_t ticks = 0;
@@ -78,12 +72,6 @@ TEST_F(SNMPClientAgainstSnmpd, GetsByAddressAndNameSetsBothBindingsServesFourThr
   EXPECT_EQ(vb.getOid(), kContact);
   for (const char* oid : {kContact, kLocation})
     EXPECT_TRUE(SNMPClient::get("127.0.0.1", port, oid, vb) && vb.getString(text) && text == "zelta") << oid;
-
-  std::atomic<int> done{0};
-  onFourThreads([&, vb = Vb()]() mutable {
-    for (int i = 0; i < 25; ++i) done += SNMPClient::get("127.0.0.1", port, kSysDescr, vb);
-  });
-  EXPECT_EQ(done, 100);
 
   // SNMPv1 has no exception values: the agent answers noSuchName instead.
   vb = Vb(kSysDescr);
@@ -105,7 +93,10 @@ TEST(SNMPClient, SilentAgentTimesOutAfterOneRetryInParallel) {
   UdpSocket silent;
   std::atomic<int> failed{0};
   auto start = Clock::now();
-  onFourThreads([&, vb = Vb()]() mutable { failed += !SNMPClient::get("127.0.0.1", silent.port, kSysDescr, vb); });
+  std::vector<std::thread> threads(4);
+  for (auto& t : threads)
+    t = std::thread([&, vb = Vb()]() mutable { failed += !SNMPClient::get("127.0.0.1", silent.port, kSysDescr, vb); });
+  for (auto& t : threads) t.join();
   EXPECT_EQ(failed, 4);
   EXPECT_GT(secondsSince(start), 1.5);
   EXPECT_LT(secondsSince(start), 4);  // one after the other would take 8 s

@@ -82,11 +82,8 @@ struct Device {
   }
 
   std::map<unsigned int, FieldType> fields{{3, FieldType(INTEGER, 0, 100000)}, {4, FieldType(STRING, 0, 16)}};
-  SNMPInfo levelInfo{kLevelOid, READWRITE};
-  SNMPInfo labelInfo{kLabelOid, READWRITE};
-  SNMPInfo routesInfo{kBase + ".5.1", READCREATE};
-  SNMPInfo stampInfo{kStampOid, READWRITE};
-  SNMPInfo marksInfo{kBase + ".6.1", READCREATE};
+  SNMPInfo levelInfo{kLevelOid, READWRITE}, labelInfo{kLabelOid, READWRITE}, stampInfo{kStampOid, READWRITE};
+  SNMPInfo routesInfo{kBase + ".5.1", READCREATE}, marksInfo{kBase + ".6.1", READCREATE};
   ParamGroup settings, network;
   TableDef def;
   std::map<unsigned int, FieldType> markFields{{3, FieldType(INTEGER, NO_RANGE, NO_RANGE)}};
@@ -144,7 +141,7 @@ class StressTest : public testing::Test {
     dir.write("network.txt", rows);
     device->manager.loadAllGroups();
     ASSERT_TRUE(device->settings.save());  // both files exist from the start
-    agent = zelta_test::startServingAgent(&device->manager, port);
+    agent = startServingAgent(&device->manager, port);
     ASSERT_NE(agent, nullptr);
   }
 
@@ -173,12 +170,7 @@ class StressTest : public testing::Test {
     return m;
   }
 
-  // A v2c tool call on the agent: `options`, then the target and `rest`.
-  ToolResult tool(const std::string& name, Strings rest, Strings options = {}) {
-    options.push_back("127.0.0.1:" + std::to_string(port));
-    rest.insert(rest.begin(), options.begin(), options.end());
-    return v2c(name, rest);
-  }
+  std::string target() const { return "127.0.0.1:" + std::to_string(port); }
 
   TempDir dir;
   std::unique_ptr<Device> device = std::make_unique<Device>(dir.path());
@@ -247,12 +239,12 @@ TEST_F(StressTest, HostThreadsManagersAndSavesSeeOnlyWrittenValues) {
   // Tool processes: several bindings per PDU, cells included.
   threads.push_back(loop([&](unsigned i) {
     const unsigned long row = 1 + i % kRows;
-    if (tool("snmpset",
-             {kLevelOid, "i", std::to_string(kLevels.bySnmp(i)), kLabelOid, "s", kLabels.bySnmp(i), cellOid(3, row),
-              "i", std::to_string(kNumbers.bySnmp(i)), cellOid(4, row), "s", kNames.bySnmp(i)})
+    if (v2c("snmpset",
+            {target(), kLevelOid, "i", std::to_string(kLevels.bySnmp(i)), kLabelOid, "s", kLabels.bySnmp(i),
+             cellOid(3, row), "i", std::to_string(kNumbers.bySnmp(i)), cellOid(4, row), "s", kNames.bySnmp(i)})
             .exitCode == 0)
       ++done.at("tool sets");
-    ToolResult get = tool("snmpget", {kLevelOid, kLabelOid, cellOid(3, row), cellOid(4, row)}, {"-Ov", "-Oq"});
+    ToolResult get = v2c("snmpget", {"-Ov", "-Oq", target(), kLevelOid, kLabelOid, cellOid(3, row), cellOid(4, row)});
     if (get.exitCode != 0) return;
     // One value per line: number, "text", number, "text".
     Strings lines = Common::split(get.out, '\n');
@@ -303,11 +295,11 @@ TEST_F(StressTest, WholeNewTableIsServedAndSaved) {
     replacement.setCellValue({row}, 4, std::string("h1"));
   }
   device->routes.setValue(replacement);
-  ToolResult r = tool("snmpget", {cellOid(3, 1), cellOid(3, kRows + 2), cellOid(4, kRows + 2)});
+  ToolResult r = v2c("snmpget", {target(), cellOid(3, 1), cellOid(3, kRows + 2), cellOid(4, kRows + 2)});
   EXPECT_NE(r.out.find(cellOid(3, 1) + " = No Such Instance"), std::string::npos) << r.out;
   EXPECT_NE(r.out.find(cellOid(3, kRows + 2) + " = INTEGER: 1001"), std::string::npos) << r.out;
   EXPECT_NE(r.out.find(cellOid(4, kRows + 2) + " = STRING: \"h1\""), std::string::npos) << r.out;
-  r = tool("snmpset", {cellOid(3, kRows + 1), "i", "2002"});
+  r = v2c("snmpset", {target(), cellOid(3, kRows + 1), "i", "2002"});
   ASSERT_EQ(r.exitCode, 0) << r.out;
   Variant number;
   ASSERT_TRUE(device->routes.getTableCellValue({kRows + 1}, 3, number));
