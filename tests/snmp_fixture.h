@@ -200,6 +200,37 @@ class AgentTest : public ::testing::Test {
   int port = 0;
 };
 
+// A device's parameters under .1.3.6.1.4.1.99999.7: a ranged integer, a
+// string, a read-only value, an unpublished one and a routing table whose
+// RowStatus follows the index and whose metric refuses 13 when the SET is
+// committed, after every binding was checked.
+struct HostDevice {
+  explicit HostDevice(const std::string& dir)
+      : settings("settings", dir + "/settings.txt"),
+        network("network", dir + "/network.txt"),
+        def({1}, 2, fields, 1),
+        volume(settings, INTEGER, Variant(7), &volumeInfo, SAVE_ON_CHANGE, {0, 100}),
+        name(settings, STRING, Variant("box"), &nameInfo),
+        serial(settings, STRING, Variant("SN1"), &serialInfo),
+        hidden(settings, INTEGER, Variant(1), &hiddenInfo),
+        routes(network, TABLE, Variant(Table(&def)), &routesInfo) {
+    for (auto [key, param] :
+         {std::pair{"volume", &volume}, {"name", &name}, {"serial", &serial}, {"hidden", &hidden}, {"routes", &routes}})
+      manager.add(key, param);
+  }
+  std::map<unsigned int, FieldType> fields{
+      {3, FieldType(IPADDRESS, NO_RANGE, NO_RANGE)},
+      {4, FieldType(
+              INTEGER, [](const Variant& v, const ExtraInfo*) { return v.getLong() != 13; }, 0, 15)}};
+  SNMPInfo volumeInfo{"1.3.6.1.4.1.99999.7.1.0", READWRITE}, nameInfo{"1.3.6.1.4.1.99999.7.2.0", READCREATE};
+  SNMPInfo serialInfo{"1.3.6.1.4.1.99999.7.3.0", READONLY}, hiddenInfo{"1.3.6.1.4.1.99999.7.4.0", NOACCESS};
+  SNMPInfo routesInfo{"1.3.6.1.4.1.99999.7.5.1", READCREATE};
+  ParamGroup settings, network;
+  TableDef def;
+  Param volume, name, serial, hidden, routes;
+  ParamManager manager;
+};
+
 // An SNMPAgent serving `manager` on a free 127.0.0.1 port (a few tries, as
 // above); null when it never came up.
 inline std::unique_ptr<SNMPAgent> startServingAgent(ParamManager* manager, int& port,

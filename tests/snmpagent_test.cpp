@@ -10,35 +10,6 @@ namespace {
 
 const std::string kBase = "1.3.6.1.4.1.99999.7";
 
-// A device's parameters: a ranged integer, a string, a read-only value, an
-// unpublished one and a routing table whose RowStatus follows the index.
-struct Device {
-  explicit Device(const std::string& dir)
-      : settings("settings", dir + "/settings.txt"),
-        network("network", dir + "/network.txt"),
-        def({1}, 2, fields, 1),
-        volume(settings, INTEGER, Variant(7), &volumeInfo, SAVE_ON_CHANGE, {0, 100}),
-        name(settings, STRING, Variant("box"), &nameInfo),
-        serial(settings, STRING, Variant("SN1"), &serialInfo),
-        hidden(settings, INTEGER, Variant(1), &hiddenInfo),
-        routes(network, TABLE, Variant(Table(&def)), &routesInfo) {
-    for (auto [key, param] :
-         {std::pair{"volume", &volume}, {"name", &name}, {"serial", &serial}, {"hidden", &hidden}, {"routes", &routes}})
-      manager.add(key, param);
-  }
-  std::map<unsigned int, FieldType> fields{{3, FieldType(IPADDRESS, NO_RANGE, NO_RANGE)},
-                                           {4, FieldType(INTEGER, 0, 15)}};
-  SNMPInfo volumeInfo{kBase + ".1.0", READWRITE};
-  SNMPInfo nameInfo{kBase + ".2.0", READCREATE};
-  SNMPInfo serialInfo{kBase + ".3.0", READONLY};
-  SNMPInfo hiddenInfo{kBase + ".4.0", NOACCESS};
-  SNMPInfo routesInfo{kBase + ".5.1", READCREATE};
-  ParamGroup settings, network;
-  TableDef def;
-  Param volume, name, serial, hidden, routes;
-  ParamManager manager;
-};
-
 class SNMPAgentTest : public testing::Test {
  protected:
   void startAgent() {
@@ -69,7 +40,7 @@ class SNMPAgentTest : public testing::Test {
 
   Route route = Route::Direct;
   TempDir dir;
-  std::unique_ptr<Device> device = std::make_unique<Device>(dir.path());
+  std::unique_ptr<HostDevice> device = std::make_unique<HostDevice>(dir.path());
   std::unique_ptr<SnmpdMaster> master;
   std::unique_ptr<SNMPAgent> agent;
   int port = 0;
