@@ -39,35 +39,23 @@ struct ToolResult {
   std::string out;  // standard output and error together
 };
 
-// Runs one tool under `timeout 10`, without a shell, with no MIB files and its
-// state in a directory removed at exit; waits for that child by its PID.
+// Runs one tool under `timeout 10`, its arguments quoted for the shell, with
+// no MIB files and its state in a directory removed at exit.
 inline ToolResult runTool(const std::vector<std::string>& args) {
   static const TempDir stateDir;
   // Requests reach the agent through the kernel, which ThreadSanitizer does
   // not see; taking the agent lock before and after orders them.
   { std::lock_guard<std::recursive_mutex> before(agentLock()); }
-  std::vector<std::string> full{"timeout", "10"};
-  full.insert(full.end(), args.begin(), args.end());
-  std::vector<char*> argv;
-  for (std::string& a : full) argv.push_back(a.data());
-  argv.push_back(nullptr);
+  const std::string state = "'" + stateDir.path() + "'";
+  std::string command = "MIBS= SNMPCONFPATH=" + state + " SNMP_PERSISTENT_DIR=" + state + " timeout 10";
+  for (const std::string& a : args) command += " '" + Common::replace(a, "'", "'\\''") + "'";
   ToolResult result;
-  int fds[2];
-  if (pipe(fds) != 0) return result;
-  pid_t pid = fork();
-  if (pid == 0) {
-    dup2(fds[1], 1), dup2(fds[1], 2), close(fds[0]), close(fds[1]);
-    setenv("MIBS", "", 1), setenv("SNMPCONFPATH", stateDir.path().c_str(), 1);
-    setenv("SNMP_PERSISTENT_DIR", stateDir.path().c_str(), 1);
-    execvp(argv[0], argv.data());
-    _exit(127);
+  if (FILE* pipe = popen((command + " 2>&1").c_str(), "r")) {
+    char buf[4096];
+    for (size_t n; (n = fread(buf, 1, sizeof buf, pipe)) > 0;) result.out.append(buf, n);
+    const int status = pclose(pipe);
+    if (WIFEXITED(status)) result.exitCode = WEXITSTATUS(status);
   }
-  close(fds[1]);
-  char buf[4096];
-  for (ssize_t n; (n = read(fds[0], buf, sizeof buf)) > 0;) result.out.append(buf, static_cast<size_t>(n));
-  close(fds[0]);
-  int status = 0;
-  if (pid > 0 && waitpid(pid, &status, 0) == pid && WIFEXITED(status)) result.exitCode = WEXITSTATUS(status);
   { std::lock_guard<std::recursive_mutex> after(agentLock()); }
   return result;
 }
