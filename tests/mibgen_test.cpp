@@ -167,8 +167,8 @@ class RandomRegistry {
   void addTable(unsigned arc) {
     const std::string oid = parent(arc);
     const unsigned indexes = 1 + pick(2);
-    std::vector<unsigned long> indexColumns{1};
-    if (indexes == 2) indexColumns.push_back(2);
+    std::vector<unsigned long> indexColumns{1, 2};
+    indexColumns.resize(indexes);
     const unsigned status = indexes + 1;
     auto& columns = fields.emplace_back();
     for (unsigned column = status + 1 + pick(2), count = 1 + pick(4); count > 0; --count, column += 1 + pick(2)) {

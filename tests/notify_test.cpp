@@ -41,10 +41,7 @@ class TrapReceiver {
     waitFor([&] { return dir_.read("log").find("NET-SNMP version") != std::string::npos; }, std::chrono::seconds(10));
   }
   ~TrapReceiver() {
-    if (pid_ > 0) {
-      kill(pid_, SIGTERM);
-      waitpid(pid_, nullptr, 0);
-    }
+    if (pid_ > 0) kill(pid_, SIGTERM), waitpid(pid_, nullptr, 0);
   }
   TrapReceiver(const TrapReceiver&) = delete;
   TrapReceiver& operator=(const TrapReceiver&) = delete;

@@ -359,10 +359,7 @@ TEST(LoggingThreads, FilteredCallsTakeNoLockWhileLevelsChange) {
   std::atomic<bool> stop{false};
   std::atomic<int> filtered{0};
   std::thread logger([&] {
-    while (!stop) {
-      channel.append(VERBOSE, "never printed\n");
-      ++filtered;
-    }
+    for (; !stop; ++filtered) channel.append(VERBOSE, "never printed\n");
   });
   std::thread changer([&] {
     for (int i = 0; !stop; ++i) channel.level = i % 2 == 0 ? ERROR : WARNING;
