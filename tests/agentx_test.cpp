@@ -1,8 +1,6 @@
 // SNMPAgent as AgentX subagent of Debian's snmpd, beyond the wire statuses
 // (snmp_test and snmpagent_test run those through a master too): the master's
 // objects beside ours, one SET over both, a master that comes late or restarts.
-#include <gtest/gtest.h>
-
 #include "snmp_fixture.h"
 
 namespace zelta_test {
@@ -12,29 +10,9 @@ using std::chrono::milliseconds;
 
 const std::string kBase = ".1.3.6.1.4.1.99999.7", kVolume = kBase + ".1.0", kSysContact = ".1.3.6.1.2.1.1.4.0";
 
-// A ranged scalar, and a table whose column 3 refuses 13 when the SET is
-// committed, after every binding was checked.
-struct Host {
-  explicit Host(const std::string& dir) : settings("settings", dir + "/settings.txt") {
-    manager.add("volume", &volume);
-    manager.add("routes", &routes);
-  }
-  ParamGroup settings;
-  std::map<unsigned int, FieldType> fields{
-      {3, FieldType(
-              INTEGER, [](const Variant& v, const ExtraInfo*) { return v.getLong() != 13; }, 0, 100)}};
-  TableDef def{{1}, 2, fields, 1};
-  SNMPInfo volumeInfo{kVolume, READWRITE}, routesInfo{kBase + ".2.1", READCREATE};
-  Param volume{settings, INTEGER, Variant(7), &volumeInfo, SAVE_ON_CHANGE, {0, 100}};
-  Param routes{settings, TABLE, Variant(Table(&def)), &routesInfo};
-  ParamManager manager;
-};
-
 ToolResult snmp(const SnmpdMaster& master, const std::string& tool, Strings rest) {
-  Strings args{tool, "-v2c", "-c",           tool == "snmpset" ? "vorpal" : "public", "-On", "-t", "2",
-               "-r", "0",    master.target()};
-  args.insert(args.end(), rest.begin(), rest.end());
-  return runTool(args);
+  rest.insert(rest.begin(), master.target());
+  return v2c(tool, rest);
 }
 std::string get(const SnmpdMaster& master, const std::string& oid) {
   return valueOf(snmp(master, "snmpget", {oid}).out, oid);
@@ -47,7 +25,7 @@ std::string get(const SnmpdMaster& master, const std::string& oid) {
 // them (CommitSet, once it set its own) leave sysContact as it was.
 TEST(SubagentTest, ServesBesideTheMastersObjectsAndARefusedSetChangesNeither) {
   TempDir dir;
-  Host host(dir.path());
+  HostDevice host(dir.path());
   SnmpdMaster master(true);
   ASSERT_TRUE(master.start());
   auto agent = startSubagent(&host.manager, master);
@@ -59,8 +37,11 @@ TEST(SubagentTest, ServesBesideTheMastersObjectsAndARefusedSetChangesNeither) {
                                          "\n" + kVolume + " = INTEGER: 7\n"})
     EXPECT_NE(walk.out.find(line), std::string::npos) << line;
 
-  const std::string cell = kBase + ".2.1.3.1", contact = get(master, kSysContact);
-  ASSERT_EQ(reason(snmp(master, "snmpset", {kBase + ".2.1.2.1", "i", "4", cell, "i", "5"}).out), "");
+  const std::string cell = kBase + ".5.1.4.1", contact = get(master, kSysContact);
+  ASSERT_EQ(reason(snmp(master, "snmpset",
+                        {kBase + ".5.1.2.1", "i", "4", kBase + ".5.1.3.1", "a", "10.0.0.1", cell, "i", "5"})
+                       .out),
+            "");
   EXPECT_EQ(reason(snmp(master, "snmpset", {kSysContact, "s", "x", kVolume, "i", "420"}).out), "wrongValue");
   EXPECT_EQ(reason(snmp(master, "snmpset", {kSysContact, "s", "x", cell, "i", "13"}).out), "commitFailed");
   EXPECT_EQ(get(master, kSysContact), contact);
@@ -74,7 +55,7 @@ TEST(SubagentTest, ServesBesideTheMastersObjectsAndARefusedSetChangesNeither) {
 // changing a value meanwhile; the agent restarted while the master is away.
 TEST(SubagentTest, WaitsForItsMasterAndComesBackAfterEachRestart) {
   TempDir dir;
-  Host host(dir.path());
+  HostDevice host(dir.path());
   SnmpdMaster master;
   SNMPAgent::Options options;
   options.agentxMaster = master.agentx();
@@ -110,11 +91,7 @@ TEST(SubagentTest, WaitsForItsMasterAndComesBackAfterEachRestart) {
     agent.waitForFinish();
   });
   EXPECT_NE(dir.read("settings.txt").find("volume.0 = 0:2:55\n"), std::string::npos);
-  auto count = [&](const std::string& line) {
-    size_t n = 0;
-    for (size_t at = log.find(line); at != std::string::npos; at = log.find(line, at + 1)) ++n;
-    return n;
-  };
+  auto count = [&](const std::string& line) { return occurrences(log, line); };
   EXPECT_EQ(count("AgentX: no master at " + master.agentx() + " yet; trying every 1 s\n"), 2u) << log;
   EXPECT_EQ(count("AgentX: connected to the master"), 2u) << log;
   EXPECT_EQ(count("AgentX: lost the master at " + master.agentx() + "; trying again every 1 s\n"), 2u) << log;

@@ -9,7 +9,7 @@
 #include <ifaddrs.h>
 
 #include <cstring>
-#include <random>
+#include <regex>
 
 #include "test_util.h"
 #include "zelta/crypto.h"
@@ -153,13 +153,11 @@ TEST(CommonAddress, MacIpv4AndInterfaces) {
 
   // A failed listing gives an empty map and the red trace marker.
   failGetifaddrs = true;
-  testing::internal::CaptureStderr();
-  EXPECT_TRUE(getIfacesInfo().empty());
-  err = testing::internal::GetCapturedStderr();
+  err = zelta_test::captureLog(WARNING, [] { EXPECT_TRUE(getIfacesInfo().empty()); });
   failGetifaddrs = false;
-  EXPECT_EQ(err.rfind("\033[00;31m[TRACE] ", 0), 0u) << err;
-  EXPECT_NE(err.find("ifaces.cpp:getIfacesInfo:"), std::string::npos) << err;
-  EXPECT_EQ(err.substr(err.size() - 14), ": here!\033[00m\n\n") << err;
+  EXPECT_TRUE(std::regex_match(err, std::regex("\033\\[00;31m\\[TRACE\\] .*ifaces\\.cpp:getIfacesInfo:[0-9]+: "
+                                               "here!\033\\[00m\n\n")))
+      << err;
 }
 
 TEST(Serialize, WorkedExamplesAndErrorTexts) {
@@ -181,7 +179,8 @@ TEST(Serialize, WorkedExamplesAndErrorTexts) {
     EXPECT_EQ(deserialize(bad), "[error]") << bad;
 }
 
-TEST(Serialize, EveryByteRoundTripsAndArbitraryTextNeverCrashes) {
+// Arbitrary text for the decoder is the fuzz target's (its corpus runs in ctest).
+TEST(Serialize, EveryByteRoundTripsWithoutAQuote) {
   std::string all;
   for (int b = 0; b < 256; ++b) {
     std::string one(1, static_cast<char>(b)), text = serialize(one);
@@ -190,29 +189,6 @@ TEST(Serialize, EveryByteRoundTripsAndArbitraryTextNeverCrashes) {
     all += one;
   }
   EXPECT_EQ(deserialize("\"" + serialize(all) + "\""), all);
-  std::mt19937 rng(7);
-  const std::string alphabet = "\"\\xX0aF9 \t\x80=";
-  for (int i = 0; i < 20000; ++i) {
-    std::string s(rng() % 24, '\0');
-    for (char& c : s) c = (rng() % 2) ? alphabet[rng() % alphabet.size()] : static_cast<char>(rng() & 0xFF);
-    if (rng() % 2) s.insert(s.begin(), '"');
-    EXPECT_LE(deserialize(s).size(), s.size() + 16);
-  }
-}
-
-// Whatever arrives from a file or the network must return, never crash or hang.
-TEST(CommonBadInput, RandomBytesAlwaysReturn) {
-  std::mt19937 rng(20261122);
-  Log["libzelta"].level = ERROR;  // keep the invalid-IP warnings out of the output
-  for (int i = 0; i < 3000; ++i) {
-    std::string s(rng() % 65, '\0');
-    for (char& c : s) c = static_cast<char>(rng() & 0xFF);
-    split(s, static_cast<char>(rng() & 0xFF));
-    toNumber<int>(s);
-    isInteger(s);
-    isValidIpAddress(s);
-  }
-  Log["libzelta"].level = WARNING;
 }
 
 // ---- AES and Base64
@@ -249,7 +225,7 @@ const BlockVector kVectors[] = {
 
 // Decryption steps the key schedule back from its end: these also check
 // aes_expandEncKey and aes_expandDecKey.
-TEST(AesBlock, PublishedVectorsEncryptAndDecrypt) {
+TEST(AesBlock, PublishedVectorsEncryptAndDecryptAndDoneZeroesTheContext) {
   // One context per key: the NIST blocks share theirs, so a block call that
   // continued from the previous call's working key would fail them.
   aes256_context ctx;
@@ -263,29 +239,13 @@ TEST(AesBlock, PublishedVectorsEncryptAndDecrypt) {
     aes256_decrypt_ecb(&ctx, bytes(block));
     EXPECT_EQ(block, unhex(v.plain)) << v.cipher;
   }
-}
-
-TEST(AesBlock, SboxIsTheAesSboxAndInverts) {
-  EXPECT_EQ(gf_mulinv(0), 0);
-  EXPECT_EQ(rj_sbox(0x00), 0x63);
-  EXPECT_EQ(rj_sbox(0x01), 0x7C);
-  for (int x = 0; x < 256; ++x) {
-    auto b = static_cast<unsigned char>(x);
-    EXPECT_EQ(rj_sbox_inv(rj_sbox(b)), b) << x;
-    EXPECT_EQ(rj_sbox(rj_sbox_inv(b)), b) << x;
-  }
-}
-
-TEST(AesBlock, DoneZeroesTheWholeContext) {
-  std::string key(32, '\x5a');
-  aes256_context ctx;
-  aes256_init(&ctx, bytes(key));
-  unsigned char block[16] = {1};
-  aes256_encrypt_ecb(&ctx, block);
+  // Key material does not outlive aes256_done.
   aes256_done(&ctx);
   static_assert(sizeof ctx == 96);
   const unsigned char zeros[96] = {};
   EXPECT_EQ(std::memcmp(&ctx, zeros, 96), 0);
+  // The S-box is computed: every entry, not only those the vectors meet.
+  for (int x = 0; x < 256; ++x) EXPECT_EQ(rj_sbox_inv(rj_sbox(static_cast<unsigned char>(x))), x) << x;
 }
 
 TEST(Base64, Rfc4648VectorsAndALenientDecoder) {
@@ -304,17 +264,10 @@ TEST(Base64, Rfc4648VectorsAndALenientDecoder) {
   EXPECT_EQ(Common::b64decode("Z"), "");
   EXPECT_EQ(Common::b64decode("***"), "");
   EXPECT_EQ(Common::b64decode("Zm9v\xc3\xa9Zm9v"), "foo");
-}
-
-TEST(Base64, RandomBytesRoundTripAndArbitraryTextDecodes) {
-  std::mt19937 rng(4648);
-  for (int i = 0; i < 2000; ++i) {
-    std::string s(rng() % 65, '\0');
-    for (char& c : s) c = static_cast<char>(rng());
-    ASSERT_EQ(Common::b64decode(Common::b64encode(s)), s);
-    // Arbitrary input must only ever yield the bytes of its valid prefix.
-    EXPECT_LE(Common::b64decode(s).size(), s.size() * 3 / 4);
-  }
+  // Every byte value in each of the three places of a group (arbitrary text is the fuzz target's).
+  std::string all;
+  for (int b = 0; b < 768; ++b) all += static_cast<char>(b / 3 + b % 3 * 85);
+  EXPECT_EQ(Common::b64decode(Common::b64encode(all)), all);
 }
 
 TEST(AesStringDeathTest, ZeroPaddingToWholeBlocksAndLengthChecks) {

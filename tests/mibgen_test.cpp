@@ -3,19 +3,14 @@
 // snmptable with the module loaded, against an agent serving the registry.
 #include "zelta/mibgen.h"
 
-#include <gtest/gtest.h>
-
 #include <algorithm>
 #include <deque>
 #include <functional>
 #include <random>
 #include <regex>
-#include <string>
-#include <vector>
 
 #include "demo_params.h"
 #include "snmp_fixture.h"
-#include "test_util.h"
 
 namespace zelta_test {
 namespace {
@@ -172,8 +167,8 @@ class RandomRegistry {
   void addTable(unsigned arc) {
     const std::string oid = parent(arc);
     const unsigned indexes = 1 + pick(2);
-    std::vector<unsigned long> indexColumns{1};
-    if (indexes == 2) indexColumns.push_back(2);
+    std::vector<unsigned long> indexColumns{1, 2};
+    indexColumns.resize(indexes);
     const unsigned status = indexes + 1;
     auto& columns = fields.emplace_back();
     for (unsigned column = status + 1 + pick(2), count = 1 + pick(4); count > 0; --count, column += 1 + pick(2)) {
@@ -296,8 +291,7 @@ TEST(MibGen, AnAgentsModuleHasTheEntriesAddedToItToo) {
   Param unregistered{small.group, TIMETICKS, &info, NEVER_SAVE};
   SNMPAgent agent(&small.manager, 0);
   agent.addEntry("sinceBoot", info.getEntry());
-  std::string text;
-  std::string error;
+  std::string text, error;
   ASSERT_TRUE(generateMibModule(agent, small.options, text, error)) << error;
   EXPECT_NE(text.find("\nsinceBoot OBJECT-TYPE\n    SYNTAX      TimeTicks\n    MAX-ACCESS  read-only\n"),
             std::string::npos);

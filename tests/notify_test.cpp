@@ -1,9 +1,6 @@
 // Notifications as Debian's snmptrapd receives them: coldStart, change
 // notifications of SETs and of the host, trap and inform delivery, and
 // targets a manager configures with SETs on the standard tables.
-#include <fcntl.h>
-#include <signal.h>
-
 #include <algorithm>
 
 #include "demo_params.h"
@@ -37,25 +34,14 @@ class TrapReceiver {
     dir_.write("trapd.conf",
                "disableAuthorization yes\nengineID zeltatrapd\n"
                "createUser tuser SHA authpass123 AES privpass123\n");
-    const std::string log = dir_.path() + "/log";
-    pid_ = fork();
-    if (pid_ == 0) {
-      setenv("SNMP_PERSISTENT_DIR", (dir_.path() + "/state").c_str(), 1);
-      setenv("MIBS", "", 1);
-      int devnull = open("/dev/null", O_RDWR);
-      dup2(devnull, 0), dup2(devnull, 1), dup2(devnull, 2);
-      execlp("snmptrapd", "snmptrapd", "-f", "-Lf", log.c_str(), "-C", "-c", (dir_.path() + "/trapd.conf").c_str(),
-             "-On", "-F", "%P|%V~%v\n", ("udp:127.0.0.1:" + std::to_string(port)).c_str(), nullptr);
-      _exit(127);
-    }
+    pid_ = spawnDaemon({"/usr/sbin/snmptrapd", "-f", "-Lf", dir_.file("log"), "-C", "-c", dir_.file("trapd.conf"),
+                        "-On", "-F", "%P|%V~%v\n", "udp:127.0.0.1:" + std::to_string(port)},
+                       {"SNMP_PERSISTENT_DIR=" + dir_.file("state"), "MIBS="});
     // It logs its version once the port is open.
     waitFor([&] { return dir_.read("log").find("NET-SNMP version") != std::string::npos; }, std::chrono::seconds(10));
   }
   ~TrapReceiver() {
-    if (pid_ > 0) {
-      kill(pid_, SIGTERM);
-      waitpid(pid_, nullptr, 0);
-    }
+    if (pid_ > 0) kill(pid_, SIGTERM), waitpid(pid_, nullptr, 0);
   }
   TrapReceiver(const TrapReceiver&) = delete;
   TrapReceiver& operator=(const TrapReceiver&) = delete;
@@ -111,11 +97,9 @@ class NotifyTest : public ::testing::Test {
     agent = startServingAgent(&params.manager, port, options);
     ASSERT_NE(agent, nullptr);
   }
-  ToolResult snmp(const std::string& tool, const Strings& rest) {
-    Strings args{tool, "-v", "2c", "-c", tool == "snmpset" ? "vorpal" : "public", "-On",
-                 "-t", "2",  "-r", "1",  "127.0.0.1:" + std::to_string(port)};
-    args.insert(args.end(), rest.begin(), rest.end());
-    return runTool(args);
+  ToolResult snmp(const std::string& tool, Strings rest) {
+    rest.insert(rest.begin(), "127.0.0.1:" + std::to_string(port));
+    return v2c(tool, rest);
   }
   ToolResult set(const Strings& triples) { return snmp("snmpset", triples); }
   // A patient target retries its informs every 200 ms for 20 s.

@@ -13,30 +13,7 @@
 
 using namespace Quorvel::Kvan;
 using std::chrono::milliseconds;
-using zelta_test::captureLog;
-using zelta_test::TempDir;
-using zelta_test::waitFor;
-
-namespace {
-
-struct Recorder {
-  std::vector<std::string> calls;
-  PostSet hook(const std::string& tag) {
-    return [this, tag](const Variant& v, const ExtraInfo* info) {
-      calls.push_back(tag + ":" + v.toString() + ":" + std::to_string(info ? info->action : 0));
-    };
-  }
-};
-
-int savesIn(const std::string& log) {
-  int n = 0;
-  for (size_t at = log.find("ParamGroup: - saved "); at != std::string::npos;
-       at = log.find("ParamGroup: - saved ", at + 1))
-    ++n;
-  return n;
-}
-
-}  // namespace
+using namespace zelta_test;
 
 TEST(Param, DefaultsByType) {
   ParamGroup g("defaults", "/nonexistent/defaults.txt");
@@ -62,12 +39,17 @@ TEST(Param, HooksRunOnlyForAnnouncedChangesWhileTheGroupIsActive) {
   TempDir dir;
   ParamGroup g("hooks", dir.write("hooks.txt", "volume.0 = 0:2:12\n"));
   Param p(g, INTEGER, Variant(3), nullptr, NEVER_SAVE), loaded(g, INTEGER, nullptr);
-  Recorder rec;
+  std::vector<std::string> calls;
+  auto hook = [&calls](const std::string& tag) -> PostSet {
+    return [&calls, tag](const Variant& v, const ExtraInfo* info) {
+      calls.push_back(tag + ":" + v.toString() + ":" + std::to_string(info ? info->action : 0));
+    };
+  };
   bool validated = false;
   p.setValidator([&](const Variant&, const ExtraInfo*) { return validated = true; });
-  p.addPostSet(rec.hook("a"));
-  p.addPostSet(rec.hook("b"));
-  loaded.addPostSet(rec.hook("loaded"));
+  p.addPostSet(hook("a"));
+  p.addPostSet(hook("b"));
+  loaded.addPostSet(hook("loaded"));
   ParamManager manager;
   manager.add("volume", &loaded);
   g.setActiveMode(false);
@@ -76,14 +58,14 @@ TEST(Param, HooksRunOnlyForAnnouncedChangesWhileTheGroupIsActive) {
   EXPECT_EQ(loaded.getValue().getLong(), 12);
   p.setValue(3);
   EXPECT_FALSE(validated);
-  EXPECT_TRUE(rec.calls.empty());
+  EXPECT_TRUE(calls.empty());
   EXPECT_FALSE(g.isWorkerRunning());
   g.setActiveMode(false);
   p.onChange("set value on int leaf", new ExtraInfo({}, 5, -1));  // freed by the parameter
-  EXPECT_TRUE(rec.calls.empty());
+  EXPECT_TRUE(calls.empty());
   g.setActiveMode(true);
   p.onChange("set value on int leaf", nullptr);
-  EXPECT_EQ(rec.calls, (std::vector<std::string>{"a:3:0", "b:3:0"}));
+  EXPECT_EQ(calls, (std::vector<std::string>{"a:3:0", "b:3:0"}));
   EXPECT_FALSE(g.isWorkerRunning());  // NEVER_SAVE does not tell the group
 }
 
@@ -206,7 +188,7 @@ TEST(ParamGroup, AutoSaveRetriesAndRunsOnceAboutTwoSecondsAfterABurst) {
     EXPECT_LT(seconds, 4.5);
     ASSERT_TRUE(waitFor([&] { return !g.isWorkerRunning(); }, milliseconds(2000)));
   });
-  EXPECT_EQ(savesIn(log), 1);
+  EXPECT_EQ(occurrences(log, "ParamGroup: - saved "), 1u);
   EXPECT_NE(log.find("ParamGroup: name: auto, ticks: 2\n"), std::string::npos);
   EXPECT_NE(log.find("ParamGroup: name: auto, ticks elapsed, saving...\n"), std::string::npos);
 }

@@ -39,35 +39,23 @@ struct ToolResult {
   std::string out;  // standard output and error together
 };
 
-// Runs one tool under `timeout 10`, without a shell, with no MIB files and its
-// state in a directory removed at exit; waits for that child by its PID.
+// Runs one tool under `timeout 10`, its arguments quoted for the shell, with
+// no MIB files and its state in a directory removed at exit.
 inline ToolResult runTool(const std::vector<std::string>& args) {
   static const TempDir stateDir;
   // Requests reach the agent through the kernel, which ThreadSanitizer does
   // not see; taking the agent lock before and after orders them.
   { std::lock_guard<std::recursive_mutex> before(agentLock()); }
-  std::vector<std::string> full{"timeout", "10"};
-  full.insert(full.end(), args.begin(), args.end());
-  std::vector<char*> argv;
-  for (std::string& a : full) argv.push_back(a.data());
-  argv.push_back(nullptr);
+  const std::string state = "'" + stateDir.path() + "'";
+  std::string command = "MIBS= SNMPCONFPATH=" + state + " SNMP_PERSISTENT_DIR=" + state + " timeout 10";
+  for (const std::string& a : args) command += " '" + Common::replace(a, "'", "'\\''") + "'";
   ToolResult result;
-  int fds[2];
-  if (pipe(fds) != 0) return result;
-  pid_t pid = fork();
-  if (pid == 0) {
-    dup2(fds[1], 1), dup2(fds[1], 2), close(fds[0]), close(fds[1]);
-    setenv("MIBS", "", 1), setenv("SNMPCONFPATH", stateDir.path().c_str(), 1);
-    setenv("SNMP_PERSISTENT_DIR", stateDir.path().c_str(), 1);
-    execvp(argv[0], argv.data());
-    _exit(127);
+  if (FILE* pipe = popen((command + " 2>&1").c_str(), "r")) {
+    char buf[4096];
+    for (size_t n; (n = fread(buf, 1, sizeof buf, pipe)) > 0;) result.out.append(buf, n);
+    const int status = pclose(pipe);
+    if (WIFEXITED(status)) result.exitCode = WEXITSTATUS(status);
   }
-  close(fds[1]);
-  char buf[4096];
-  for (ssize_t n; (n = read(fds[0], buf, sizeof buf)) > 0;) result.out.append(buf, static_cast<size_t>(n));
-  close(fds[0]);
-  int status = 0;
-  if (pid > 0 && waitpid(pid, &status, 0) == pid && WIFEXITED(status)) result.exitCode = WEXITSTATUS(status);
   { std::lock_guard<std::recursive_mutex> after(agentLock()); }
   return result;
 }
@@ -87,6 +75,14 @@ inline std::string valueOf(const std::string& out, const std::string& name) {
   if (at == std::string::npos) return "";
   at += name.size() + 3;
   return out.substr(at, out.find('\n', at) - at);
+}
+
+// An SNMPv2c tool call, one try of 3 s, numeric OIDs: community vorpal for
+// snmpset, public otherwise; `rest` starts with any options, then the target.
+inline ToolResult v2c(const std::string& tool, const Strings& rest) {
+  Strings args{tool, "-v2c", "-c", tool == "snmpset" ? "vorpal" : "public", "-On", "-t", "3", "-r", "0"};
+  args.insert(args.end(), rest.begin(), rest.end());
+  return runTool(args);
 }
 
 // How a test's requests reach the agent: on its own port, or through Debian's
@@ -110,15 +106,12 @@ class AgentTest : public ::testing::Test {
   // source port, a parallel test): a few tries with fresh ports.
   bool startAgent(const std::vector<MibEntry*>& entries, AgentConfig config = AgentConfig()) {
     if (route == Route::ThroughMaster) return startSubagent(entries, config);
+    config.listenAddress = "127.0.0.1";
     for (int attempt = 0; attempt < 5; ++attempt) {
-      if (startAgentOn(freeUdpPort(), entries, config)) return true;
+      config.port = port = freeUdpPort();
+      if (serve(entries, config)) return true;
     }
     return false;
-  }
-  bool startAgentOn(int freePort, const std::vector<MibEntry*>& entries, AgentConfig config) {
-    config.listenAddress = "127.0.0.1";
-    config.port = port = freePort;
-    return serve(entries, config);
   }
   // Requests then go to the master's port; the engine registered with it
   // before initialize() returned.
@@ -193,6 +186,37 @@ class AgentTest : public ::testing::Test {
   std::thread server;
   std::atomic<bool> stopFlag{false};
   int port = 0;
+};
+
+// A device's parameters under .1.3.6.1.4.1.99999.7: a ranged integer, a
+// string, a read-only value, an unpublished one and a routing table whose
+// RowStatus follows the index and whose metric refuses 13 when the SET is
+// committed, after every binding was checked.
+struct HostDevice {
+  explicit HostDevice(const std::string& dir)
+      : settings("settings", dir + "/settings.txt"),
+        network("network", dir + "/network.txt"),
+        def({1}, 2, fields, 1),
+        volume(settings, INTEGER, Variant(7), &volumeInfo, SAVE_ON_CHANGE, {0, 100}),
+        name(settings, STRING, Variant("box"), &nameInfo),
+        serial(settings, STRING, Variant("SN1"), &serialInfo),
+        hidden(settings, INTEGER, Variant(1), &hiddenInfo),
+        routes(network, TABLE, Variant(Table(&def)), &routesInfo) {
+    for (auto [key, param] :
+         {std::pair{"volume", &volume}, {"name", &name}, {"serial", &serial}, {"hidden", &hidden}, {"routes", &routes}})
+      manager.add(key, param);
+  }
+  std::map<unsigned int, FieldType> fields{
+      {3, FieldType(IPADDRESS, NO_RANGE, NO_RANGE)},
+      {4, FieldType(
+              INTEGER, [](const Variant& v, const ExtraInfo*) { return v.getLong() != 13; }, 0, 15)}};
+  SNMPInfo volumeInfo{"1.3.6.1.4.1.99999.7.1.0", READWRITE}, nameInfo{"1.3.6.1.4.1.99999.7.2.0", READCREATE};
+  SNMPInfo serialInfo{"1.3.6.1.4.1.99999.7.3.0", READONLY}, hiddenInfo{"1.3.6.1.4.1.99999.7.4.0", NOACCESS};
+  SNMPInfo routesInfo{"1.3.6.1.4.1.99999.7.5.1", READCREATE};
+  ParamGroup settings, network;
+  TableDef def;
+  Param volume, name, serial, hidden, routes;
+  ParamManager manager;
 };
 
 // An SNMPAgent serving `manager` on a free 127.0.0.1 port (a few tries, as

@@ -1,71 +1,25 @@
 // SNMPAgent over a ParamManager: what a manager writes lands in the group
 // files (on the agent's own port and through snmpd as AgentX master), and the
 // agent's life cycle logs what it did.
-#include <gtest/gtest.h>
-
-#include <chrono>
-
 #include "snmp_fixture.h"
-#include "test_util.h"
-#include "zelta/parammanager.h"
-#include "zelta/snmpagent.h"
 
-using namespace Quorvel::Kvan;
-using namespace Quorvel::Kvan::SNMP;
+using namespace zelta_test;
 using std::chrono::milliseconds;
-using zelta_test::captureLog;
-using zelta_test::freeUdpPort;
-using zelta_test::Route;
-using zelta_test::runTool;
-using zelta_test::TempDir;
-using zelta_test::ToolResult;
-using zelta_test::waitFor;
 
 namespace {
 
 const std::string kBase = "1.3.6.1.4.1.99999.7";
 
-// A device's parameters: a ranged integer, a string, a read-only value, an
-// unpublished one and a routing table whose RowStatus follows the index.
-struct Device {
-  explicit Device(const std::string& dir)
-      : settings("settings", dir + "/settings.txt"),
-        network("network", dir + "/network.txt"),
-        def({1}, 2, fields, 1),
-        volume(settings, INTEGER, Variant(7), &volumeInfo, SAVE_ON_CHANGE, {0, 100}),
-        name(settings, STRING, Variant("box"), &nameInfo),
-        serial(settings, STRING, Variant("SN1"), &serialInfo),
-        hidden(settings, INTEGER, Variant(1), &hiddenInfo),
-        routes(network, TABLE, Variant(Table(&def)), &routesInfo) {
-    manager.add("volume", &volume);
-    manager.add("name", &name);
-    manager.add("serial", &serial);
-    manager.add("hidden", &hidden);
-    manager.add("routes", &routes);
-  }
-  std::map<unsigned int, FieldType> fields{{3, FieldType(IPADDRESS, NO_RANGE, NO_RANGE)},
-                                           {4, FieldType(INTEGER, 0, 15)}};
-  SNMPInfo volumeInfo{kBase + ".1.0", READWRITE};
-  SNMPInfo nameInfo{kBase + ".2.0", READCREATE};
-  SNMPInfo serialInfo{kBase + ".3.0", READONLY};
-  SNMPInfo hiddenInfo{kBase + ".4.0", NOACCESS};
-  SNMPInfo routesInfo{kBase + ".5.1", READCREATE};
-  ParamGroup settings, network;
-  TableDef def;
-  Param volume, name, serial, hidden, routes;
-  ParamManager manager;
-};
-
 class SNMPAgentTest : public testing::Test {
  protected:
   void startAgent() {
     if (route == Route::ThroughMaster) {
-      master = std::make_unique<zelta_test::SnmpdMaster>();
+      master = std::make_unique<SnmpdMaster>();
       ASSERT_TRUE(master->start());
       port = master->port();
-      agent = zelta_test::startSubagent(&device->manager, *master);
+      agent = startSubagent(&device->manager, *master);
     } else {
-      agent = zelta_test::startServingAgent(&device->manager, port);
+      agent = startServingAgent(&device->manager, port);
     }
     ASSERT_NE(agent, nullptr);
   }
@@ -79,24 +33,21 @@ class SNMPAgentTest : public testing::Test {
     waitFor([&] { return !device->settings.isWorkerRunning() && !device->network.isWorkerRunning(); },
             milliseconds(6000));
   }
-  ToolResult snmp(const std::string& tool, std::vector<std::string> rest) {
-    std::vector<std::string> args{
-        tool, "-v", "2c", "-c", "vorpal", "-On", "-t", "1", "-r", "0", "127.0.0.1:" + std::to_string(port)};
-    args.insert(args.end(), rest.begin(), rest.end());
-    return runTool(args);
+  ToolResult snmp(const std::string& tool, Strings rest) {
+    rest.insert(rest.begin(), "127.0.0.1:" + std::to_string(port));
+    return v2c(tool, rest);
   }
 
   Route route = Route::Direct;
   TempDir dir;
-  std::unique_ptr<Device> device = std::make_unique<Device>(dir.path());
-  std::unique_ptr<zelta_test::SnmpdMaster> master;
+  std::unique_ptr<HostDevice> device = std::make_unique<HostDevice>(dir.path());
+  std::unique_ptr<SnmpdMaster> master;
   std::unique_ptr<SNMPAgent> agent;
   int port = 0;
 };
 
-using RoutedSNMPAgentTest = zelta_test::Routed<SNMPAgentTest>;
-INSTANTIATE_TEST_SUITE_P(, RoutedSNMPAgentTest, testing::Values(Route::Direct, Route::ThroughMaster),
-                         zelta_test::routeName);
+using RoutedSNMPAgentTest = Routed<SNMPAgentTest>;
+INSTANTIATE_TEST_SUITE_P(, RoutedSNMPAgentTest, testing::Values(Route::Direct, Route::ThroughMaster), routeName);
 
 }  // namespace
 
@@ -116,9 +67,6 @@ TEST_P(RoutedSNMPAgentTest, ManagerWritesLandInTheGroupFiles) {
   // A row waiting for its values is not active and so not kept in the file.
   r = snmp("snmpset", {"." + kBase + ".5.1.2.8", "i", "5"});
   ASSERT_EQ(r.exitCode, 0) << r.out;
-  r = snmp("snmpget", {"." + kBase + ".3.0", "." + kBase + ".5.1.3.7"});
-  EXPECT_NE(r.out.find("STRING: \"SN1\""), std::string::npos) << r.out;
-  EXPECT_NE(r.out.find("IpAddress: 192.168.0.7"), std::string::npos) << r.out;
 
   const std::string settings =
       "volume.0 = 0:2:42\nname.0 = 0:4:\"kitchen\"\nserial.0 = 0:4:\"SN1\"\nhidden.0 = 0:2:1\n";
@@ -127,15 +75,6 @@ TEST_P(RoutedSNMPAgentTest, ManagerWritesLandInTheGroupFiles) {
       << dir.read("settings.txt");
   EXPECT_TRUE(waitFor([&] { return dir.read("network.txt") == network; }, milliseconds(6000)))
       << dir.read("network.txt");
-
-  // A device booting from these files gets the values back.
-  Device rebooted(dir.path());
-  rebooted.manager.loadAllGroups();
-  EXPECT_EQ(rebooted.volume.getValue().getLong(), 42);
-  EXPECT_EQ(rebooted.name.getValue().getString(), "kitchen");
-  Variant metric;
-  ASSERT_TRUE(rebooted.routes.getTableCellValue({7}, 4, metric));
-  EXPECT_EQ(metric.getLong(), 2);
 }
 
 TEST_F(SNMPAgentTest, LifeCycleLogsInOrderAndCountsAccess) {
@@ -158,9 +97,7 @@ TEST_F(SNMPAgentTest, LifeCycleLogsInOrderAndCountsAccess) {
 
 TEST_F(SNMPAgentTest, BusyPortFailsAndTheNextStartWorks) {
   int busy = socket(AF_INET, SOCK_DGRAM, 0);
-  sockaddr_in addr{};
-  addr.sin_family = AF_INET;
-  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  sockaddr_in addr = loopback(0);
   socklen_t len = sizeof addr;
   ASSERT_EQ(bind(busy, reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0);
   getsockname(busy, reinterpret_cast<sockaddr*>(&addr), &len);

@@ -1,8 +1,8 @@
 // Debian's snmpd as the AgentX master of tests and benchmarks: a configuration
 // of its own (-C -c, no system file) and its state in a temporary directory,
 // a free UDP port on 127.0.0.1, communities public (read) and vorpal
-// (read-write), AgentX on a socket in the directory or on a loopback TCP port.
-// Stopped by its PID.
+// (read-write), AgentX on a socket in the directory or on a loopback TCP port,
+// and on request the same UDP port on ::1 too. Stopped by its PID.
 #ifndef ZELTA_TESTS_SNMPD_MASTER_H_
 #define ZELTA_TESTS_SNMPD_MASTER_H_
 
@@ -24,9 +24,28 @@
 
 namespace zelta_test {
 
+// Starts the program `args` with only `env`, no standard streams, and gone
+// with a test that crashes; returns its PID. The child only execs: everything
+// is made before fork.
+inline pid_t spawnDaemon(std::vector<std::string> args, std::vector<std::string> env) {
+  std::vector<char*> argv, envp;
+  for (std::string& a : args) argv.push_back(a.data());
+  for (std::string& e : env) envp.push_back(e.data());
+  argv.push_back(nullptr), envp.push_back(nullptr);
+  const pid_t pid = fork();
+  if (pid == 0) {
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    int devnull = open("/dev/null", O_RDWR);
+    dup2(devnull, 0), dup2(devnull, 1), dup2(devnull, 2);
+    execve(argv[0], argv.data(), envp.data());
+    _exit(127);
+  }
+  return pid;
+}
+
 class SnmpdMaster {
  public:
-  explicit SnmpdMaster(bool tcp = false) : udpPort(freeUdpPort()) {
+  explicit SnmpdMaster(bool tcp = false, bool ipv6 = false) : udpPort(freeUdpPort()) {
     char pattern[] = "/tmp/zelta-snmpd-XXXXXX";
     dir = mkdtemp(pattern) != nullptr ? pattern : "/nonexistent";
     address = dir + "/agentx";
@@ -41,8 +60,9 @@ class SnmpdMaster {
       address = "tcp:127.0.0.1:" + std::to_string(tcpPort);
     }
     if (FILE* f = fopen((dir + "/snmpd.conf").c_str(), "w")) {
-      fprintf(f, "master agentx\nagentXSocket %s\nagentaddress udp:127.0.0.1:%d\n", address.c_str(), udpPort);
-      fputs("rocommunity public 127.0.0.1\nrwcommunity vorpal 127.0.0.1\n", f);
+      fprintf(f, "master agentx\nagentXSocket %s\nagentaddress udp:127.0.0.1:%d", address.c_str(), udpPort);
+      if (ipv6) fprintf(f, ",udp6:[::1]:%d\nrwcommunity6 vorpal ::1", udpPort);
+      fputs("\nrocommunity public 127.0.0.1\nrwcommunity vorpal 127.0.0.1\n", f);
       fclose(f);
     }
     mkdir((dir + "/state").c_str(), 0700);  // apart from snmpd.conf, which snmpd would overwrite
@@ -54,21 +74,9 @@ class SnmpdMaster {
 
   // Starts snmpd (again); false unless it listens within 10 s.
   bool start() {
-    // The child only execs: everything is made before fork.
-    std::vector<std::string> args{"/usr/sbin/snmpd",   "-f", "-Lf",  dir + "/snmpd.log", "-C", "-c",
-                                  dir + "/snmpd.conf", "-I", "-smux"};
-    std::vector<std::string> env{"SNMP_PERSISTENT_DIR=" + dir + "/state", "MIBS="};
-    std::vector<char*> argv, envp;
-    for (std::string& a : args) argv.push_back(a.data());
-    for (std::string& e : env) envp.push_back(e.data());
-    argv.push_back(nullptr), envp.push_back(nullptr);
-    if ((pid = fork()) == 0) {
-      prctl(PR_SET_PDEATHSIG, SIGKILL);  // gone with a test that crashes
-      int devnull = open("/dev/null", O_RDWR);
-      dup2(devnull, 0), dup2(devnull, 1), dup2(devnull, 2);
-      execve(argv[0], argv.data(), envp.data());
-      _exit(127);
-    }
+    pid = spawnDaemon(
+        {"/usr/sbin/snmpd", "-f", "-Lf", dir + "/snmpd.log", "-C", "-c", dir + "/snmpd.conf", "-I", "-smux"},
+        {"SNMP_PERSISTENT_DIR=" + dir + "/state", "MIBS="});
     for (int i = 0; i < 500 && waitpid(pid, nullptr, WNOHANG) == 0; ++i) {
       if (listening()) return true;
       std::this_thread::sleep_for(std::chrono::milliseconds(20));

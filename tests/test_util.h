@@ -55,6 +55,13 @@ inline std::string captureLog(Quorvel::Kvan::EventType level, const std::functio
   return out;
 }
 
+// How often `what` occurs in `text`.
+inline size_t occurrences(const std::string& text, const std::string& what) {
+  size_t n = 0;
+  for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1)) ++n;
+  return n;
+}
+
 // Polls `done` every 20 ms until it is true or `limit` has passed.
 inline bool waitFor(const std::function<bool()>& done, std::chrono::milliseconds limit) {
   auto end = std::chrono::steady_clock::now() + limit;
