@@ -269,9 +269,11 @@ TEST(CrashSafeSave, KilledAtomicSavesLeaveTheOldOrTheNewFile) {
   int torn = 0;
   for (int round = 0; round < 300; ++round) {
     const pid_t child = fork();
-    for (int i = 0; child == 0; ++i) {
-      label.setValue(std::string(i % 2 ? "b" : "a"));
-      group.save();
+    if (child == 0) {
+      for (int i = 0;; ++i) {
+        label.setValue(std::string(i % 2 ? "b" : "a"));
+        group.save();
+      }
     }
     usleep(200 + rng() % 3000);
     kill(child, SIGKILL);
