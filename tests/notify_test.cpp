@@ -30,16 +30,14 @@ struct Received {
 // its PID.
 class TrapReceiver {
  public:
-  explicit TrapReceiver(int port) : port_(port) {
-    dir_.write("trapd.conf",
-               "disableAuthorization yes\nengineID zeltatrapd\n"
-               "createUser tuser SHA authpass123 AES privpass123\n");
-    pid_ = spawnDaemon({"/usr/sbin/snmptrapd", "-f", "-Lf", dir_.file("log"), "-C", "-c", dir_.file("trapd.conf"),
-                        "-On", "-F", "%P|%V~%v\n", "udp:127.0.0.1:" + std::to_string(port)},
-                       {"SNMP_PERSISTENT_DIR=" + dir_.file("state"), "MIBS="});
-    // It logs its version once the port is open.
-    waitFor([&] { return dir_.read("log").find("NET-SNMP version") != std::string::npos; }, std::chrono::seconds(10));
+  // On a port of its own choice: another one when the free port it found is
+  // taken before snmptrapd binds it.
+  TrapReceiver() {
+    for (int attempt = 0; attempt < 4 && !listen(freeUdpPort()); ++attempt) {
+    }
   }
+  // On the port that targets were given.
+  explicit TrapReceiver(int port) { listen(port); }
   ~TrapReceiver() {
     if (pid_ > 0) kill(pid_, SIGTERM), waitpid(pid_, nullptr, 0);
   }
@@ -67,8 +65,29 @@ class TrapReceiver {
   int port() const { return port_; }
 
  private:
+  bool listen(int port) {
+    port_ = port;
+    dir_.write("trapd.conf",
+               "disableAuthorization yes\nengineID zeltatrapd\n"
+               "createUser tuser SHA authpass123 AES privpass123\n");
+    dir_.write("log", "");
+    pid_ = spawnDaemon({"/usr/sbin/snmptrapd", "-f", "-Lf", dir_.file("log"), "-C", "-c", dir_.file("trapd.conf"),
+                        "-On", "-F", "%P|%V~%v\n", "udp:127.0.0.1:" + std::to_string(port)},
+                       {"SNMP_PERSISTENT_DIR=" + dir_.file("state"), "MIBS="});
+    // It logs its version once the port is open, and exits when it cannot open it.
+    bool exited = false;
+    waitFor(
+        [&] {
+          exited = waitpid(pid_, nullptr, WNOHANG) != 0;
+          return exited || dir_.read("log").find("NET-SNMP version") != std::string::npos;
+        },
+        std::chrono::seconds(10));
+    if (exited) pid_ = -1;
+    return !exited;
+  }
+
   TempDir dir_;
-  int port_;
+  int port_ = 0;
   pid_t pid_ = -1;
 };
 
@@ -118,7 +137,7 @@ class NotifyTest : public ::testing::Test {
 };
 
 TEST_F(NotifyTest, EveryCommittedBindingOfAnOptedInObjectIsToldInOrder) {
-  TrapReceiver receiver(freeUdpPort());
+  TrapReceiver receiver;
   start({target(receiver.port())});
   ASSERT_EQ(receiver.await(1).size(), 1u);
 
@@ -156,7 +175,7 @@ TEST_F(NotifyTest, EveryCommittedBindingOfAnOptedInObjectIsToldInOrder) {
 }
 
 TEST_F(NotifyTest, TrapsAndInformsArriveAndAReceiverThatStartsLateGetsItsInforms) {
-  TrapReceiver receiver(freeUdpPort());
+  TrapReceiver receiver;
   const int latePort = freeUdpPort();
   NotifyTarget v3 = target(receiver.port(), true);
   v3.v3User = "tuser";
@@ -209,7 +228,7 @@ TEST_F(NotifyTest, PendingInformsAreBoundedAndTheOldestGo) {
 }
 
 TEST_F(NotifyTest, AManagerAddsAndRemovesATargetWithTheStandardTables) {
-  TrapReceiver receiver(freeUdpPort());
+  TrapReceiver receiver;
   start({});
   // Rows named "mgr" (IMPLIED index), tag "zt", parameters "zp".
   const std::string addr = ".1.3.6.1.6.3.12.1.2.1.", prm = ".1.3.6.1.6.3.12.1.3.1.", notify = ".1.3.6.1.6.3.13.1.1.1.",

@@ -22,9 +22,12 @@ double secondsSince(Clock::time_point start) { return std::chrono::duration<doub
 // Debian's snmpd on a free port of 127.0.0.1 and ::1.
 class SNMPClientAgainstSnmpd : public ::testing::Test {
  protected:
-  void SetUp() override { ASSERT_TRUE(snmpd.start()); }
+  void SetUp() override {
+    ASSERT_TRUE(snmpd.start());
+    port = snmpd.port();
+  }
   SnmpdMaster snmpd{false, true};
-  const int port = snmpd.port();
+  int port = 0;
 };
 
 // A UDP socket on a free port of 127.0.0.1 where no agent answers.

@@ -45,7 +45,7 @@ inline pid_t spawnDaemon(std::vector<std::string> args, std::vector<std::string>
 
 class SnmpdMaster {
  public:
-  explicit SnmpdMaster(bool tcp = false, bool ipv6 = false) : udpPort(freeUdpPort()) {
+  explicit SnmpdMaster(bool tcp = false, bool alsoIpv6 = false) : udpPort(freeUdpPort()), ipv6(alsoIpv6) {
     char pattern[] = "/tmp/zelta-snmpd-XXXXXX";
     dir = mkdtemp(pattern) != nullptr ? pattern : "/nonexistent";
     address = dir + "/agentx";
@@ -59,12 +59,7 @@ class SnmpdMaster {
       tcpPort = ntohs(at.sin_port);
       address = "tcp:127.0.0.1:" + std::to_string(tcpPort);
     }
-    if (FILE* f = fopen((dir + "/snmpd.conf").c_str(), "w")) {
-      fprintf(f, "master agentx\nagentXSocket %s\nagentaddress udp:127.0.0.1:%d", address.c_str(), udpPort);
-      if (ipv6) fprintf(f, ",udp6:[::1]:%d\nrwcommunity6 vorpal ::1", udpPort);
-      fputs("\nrocommunity public 127.0.0.1\nrwcommunity vorpal 127.0.0.1\n", f);
-      fclose(f);
-    }
+    writeConfig();
     mkdir((dir + "/state").c_str(), 0700);  // apart from snmpd.conf, which snmpd would overwrite
   }
   ~SnmpdMaster() {
@@ -72,16 +67,27 @@ class SnmpdMaster {
     nftw(dir.c_str(), removeOne, 8, FTW_DEPTH);
   }
 
-  // Starts snmpd (again); false unless it listens within 10 s.
+  // Starts snmpd (again); false unless it listens within 10 s. The UDP port
+  // was free when chosen, but another program may take it before snmpd binds
+  // it: snmpd then exits, and the next attempt has another port.
   bool start() {
-    pid = spawnDaemon(
-        {"/usr/sbin/snmpd", "-f", "-Lf", dir + "/snmpd.log", "-C", "-c", dir + "/snmpd.conf", "-I", "-smux"},
-        {"SNMP_PERSISTENT_DIR=" + dir + "/state", "MIBS="});
-    for (int i = 0; i < 500 && waitpid(pid, nullptr, WNOHANG) == 0; ++i) {
-      if (listening()) return true;
-      std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    for (int attempt = 0; attempt < 4; ++attempt) {
+      if (attempt > 0) udpPort = freeUdpPort(), writeConfig();
+      pid = spawnDaemon(
+          {"/usr/sbin/snmpd", "-f", "-Lf", dir + "/snmpd.log", "-C", "-c", dir + "/snmpd.conf", "-I", "-smux"},
+          {"SNMP_PERSISTENT_DIR=" + dir + "/state", "MIBS="});
+      for (int i = 0; i < 500; ++i) {
+        if (waitpid(pid, nullptr, WNOHANG) != 0) {
+          pid = -1;
+          break;
+        }
+        if (listening()) return true;
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+      }
+      if (pid > 0) break;  // alive but deaf for 10 s: no port is to blame
     }
     stop(SIGKILL);
+    fprintf(stderr, "snmpd did not start; its log:\n%s\n", log().c_str());
     return false;
   }
   // Sends `signal` and reaps the process.
@@ -96,6 +102,23 @@ class SnmpdMaster {
   const std::string& agentx() const { return address; }  // what a subagent is given
 
  private:
+  void writeConfig() const {
+    if (FILE* f = fopen((dir + "/snmpd.conf").c_str(), "w")) {
+      fprintf(f, "master agentx\nagentXSocket %s\nagentaddress udp:127.0.0.1:%d", address.c_str(), udpPort);
+      if (ipv6) fprintf(f, ",udp6:[::1]:%d\nrwcommunity6 vorpal ::1", udpPort);
+      fputs("\nrocommunity public 127.0.0.1\nrwcommunity vorpal 127.0.0.1\n", f);
+      fclose(f);
+    }
+  }
+  std::string log() const {
+    std::string text;
+    if (FILE* f = fopen((dir + "/snmpd.log").c_str(), "r")) {
+      char chunk[4096];
+      for (size_t n; (n = fread(chunk, 1, sizeof chunk, f)) > 0;) text.append(chunk, n);
+      fclose(f);
+    }
+    return text;
+  }
   static int removeOne(const char* path, const struct stat*, int, FTW*) { return ::remove(path); }
   // snmpd opens its AgentX socket last.
   bool listening() const {
@@ -111,6 +134,7 @@ class SnmpdMaster {
   }
 
   int udpPort, tcpPort = 0;
+  bool ipv6;
   std::string dir, address;
   pid_t pid = -1;
 };
