@@ -286,6 +286,13 @@ void DynMibTable::validate_set_request(netsnmp_agent_request_info_s* reqinfo, vo
 
 void DynMibTable::commit_set_request(netsnmp_agent_request_info_s* reqinfo, void* pendingRef) {
   auto& pending = *static_cast<PendingSet*>(pendingRef);
+  // The row's status after the PDU: destroy once the row is gone.
+  auto tellStatus = [&](const PendingRow& p) {
+    auto it = rows.find(p.indexes);
+    Notifier::committedStatus_nolock(*this, *p.statusRequest->requestvb,
+                                     it != rows.end() ? it->second.rowStatus : kDestroy, reqinfo->asp,
+                                     p.statusRequest->index);
+  };
   for (PendingRow& pendingRow : pending.rows) {
     const RowIdx& indexes = pendingRow.indexes;
     if (!pendingRow.existed) {
@@ -307,10 +314,7 @@ void DynMibTable::commit_set_request(netsnmp_agent_request_info_s* reqinfo, void
       }
       for (const PendingCell& c : pendingRow.cells)
         Notifier::committed_nolock(*this, *c.request->requestvb, reqinfo->asp, c.request->index);
-      it = rows.find(indexes);
-      Notifier::committedStatus_nolock(*this, *pendingRow.statusRequest->requestvb,
-                                       it != rows.end() ? it->second.rowStatus : kDestroy, reqinfo->asp,
-                                       pendingRow.statusRequest->index);
+      tellStatus(pendingRow);
       continue;
     }
     for (const PendingCell& c : pendingRow.cells) {
@@ -336,12 +340,7 @@ void DynMibTable::commit_set_request(netsnmp_agent_request_info_s* reqinfo, void
     } else if (pendingRow.status == kDestroy) {
       row_delete(indexes);
     }
-    if (pendingRow.status != 0) {
-      it = rows.find(indexes);
-      Notifier::committedStatus_nolock(*this, *pendingRow.statusRequest->requestvb,
-                                       it != rows.end() ? it->second.rowStatus : kDestroy, reqinfo->asp,
-                                       pendingRow.statusRequest->index);
-    }
+    if (pendingRow.status != 0) tellStatus(pendingRow);
   }
 }
 

@@ -5,6 +5,7 @@
 #ifndef ZELTA_SRC_FILETEXT_H_
 #define ZELTA_SRC_FILETEXT_H_
 
+#include <charconv>
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -23,6 +24,13 @@ ZELTA_EXPORT int32_t parseSigned32(const char* text, size_t length);
 // that a minus sign negates modulo 2^32 ("-1" gives 4294967295) and a
 // magnitude above 2^32-1 gives 4294967295.
 ZELTA_EXPORT uint32_t parseUnsigned32(const char* text, size_t length);
+
+// Appends the decimal text of `number`.
+template <class T>
+void appendNumber(std::string& out, T number) {
+  char digits[24];
+  out.append(digits, static_cast<size_t>(std::to_chars(digits, digits + sizeof digits, number).ptr - digits));
+}
 
 // Appends the escaped form of `bytes` (what serialize returns).
 void appendSerialized(std::string& out, std::string_view bytes);

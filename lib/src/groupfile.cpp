@@ -5,7 +5,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <charconv>
 #include <cstdint>
 #include <cstring>
 
@@ -95,9 +94,11 @@ void storeCell(TableRow& row, unsigned int column, Variant&& value) {
   it->second = std::move(value);
 }
 
-void appendNumber(std::string& out, unsigned long number) {
-  char digits[24];
-  out.append(digits, static_cast<size_t>(std::to_chars(digits, digits + sizeof digits, number).ptr - digits));
+// True when a triplet of type number `written` holds a value of `type`
+// (logical addresses are written with the string type).
+bool readsAs(int written, ValueType type) {
+  const ValueCodec* codec = ValueCodec::of(type);
+  return written == type || (codec != nullptr && codec->readsFileType(written));
 }
 
 // The file descriptor of a readable regular file, or -1.
@@ -346,13 +347,12 @@ bool GroupFileReader::setScalar(std::string_view value, Param* param) {
     return false;
   }
   const ValueType paramType = param->getType();
-  const ValueCodec* codec = ValueCodec::of(paramType);
-  // Logical addresses are written with the string type.
-  if (type != paramType && !(codec != nullptr && codec->readsFileType(type))) {
+  if (!readsAs(type, paramType)) {
     log.append(DEBUG, "ParamManager: setScalar(): triplet type %d != Param type %d for var '%s'\n", type,
                static_cast<int>(paramType), param->getName().c_str());
     return false;
   }
+  const ValueCodec* codec = ValueCodec::of(paramType);
   if (codec == nullptr) {
     ZELTA_TRACE();
     return true;
@@ -369,50 +369,45 @@ bool GroupFileReader::setTableRow(std::string_view value, Param* param) {
   if (def == nullptr || (def->numIdx >= 0 && index.size() != static_cast<size_t>(def->numIdx))) return false;
   bool created = false;
   TableRow& row = table->openRow(index, created);
+  const bool read = readCells(value, *def, row, *param);
   // A new row gets the defaults of the cells the line leaves out, whatever
   // comes of the line: what addOrUpdateRow would have given it, without
   // making defaults that the line then replaces.
-  struct Completion {
-    Table* table;
-    TableRow& row;
-    bool created;
-    ~Completion() {
-      if (created) table->completeRow(row);
-    }
-  } completion{table, row, created};
+  if (created) table->completeRow(row);
+  if (read) param->publishRow(index, row);
+  return read;
+}
+
+bool GroupFileReader::readCells(std::string_view value, const TableDef& def, TableRow& row, const Param& param) {
   size_t next = 0;
   unsigned int column = 0;
   int type = 0;
   std::string_view text;
   while (splitTriplet(value, next, column, type, text)) {
-    auto field = def->fields.find(column);
-    if (column == def->rowStatusColumn || field == def->fields.end()) {
+    auto field = def.fields.find(column);
+    if (column == def.rowStatusColumn || field == def.fields.end()) {
       log.append(WARNING,
                  "ParamManager: setTableRow(): column %d is not a valid field or it's a special one (e.g. "
                  "rowStatus)!\n",
                  static_cast<int>(column));
     } else {
       const ValueType columnType = field->second.type;
-      const ValueCodec* codec = ValueCodec::of(columnType);
-      if (type != columnType && !(codec != nullptr && codec->readsFileType(type))) {
+      if (!readsAs(type, columnType)) {
         log.append(DEBUG, "ParamManager: setTableRow(): triplet type %d != Param type %d for var '%s'\n", type,
-                   static_cast<int>(columnType), param->getName().c_str());
+                   static_cast<int>(columnType), param.getName().c_str());
         return false;
       }
-      if (codec == nullptr) {
-        ZELTA_TRACE();
-      } else {
+      if (const ValueCodec* codec = ValueCodec::of(columnType)) {
         Variant cell = codec->parseFileValue(text, true);
         if (cell.getType() == VariantType::UNDEFINED) return false;
         storeCell(row, column, std::move(cell));
+      } else {
+        ZELTA_TRACE();
       }
     }
     if (next >= value.size()) break;
     value.remove_prefix(next);
   }
-  if (completion.created) table->completeRow(row);
-  completion.created = false;
-  param->publishRow(index, row);
   return true;
 }
 
@@ -426,7 +421,7 @@ bool appendScalarLine(std::string& out, const std::string& name, ValueType type,
   }
   out += name;
   out += ".0 = 0:";
-  appendNumber(out, static_cast<unsigned long>(codec->fileType()));
+  Common::appendNumber(out, static_cast<unsigned long>(codec->fileType()));
   out += ':';
   codec->appendFileValue(out, value);
   out += '\n';
@@ -445,9 +440,9 @@ void appendRowTriplets(std::string& out, TableDef* def, const TableRow& row) {
     const ValueCodec* codec = field == def->fields.end() ? nullptr : ValueCodec::of(field->second.type);
     // A column type without a file form is a programming error of the host.
     ZELTA_ASSERT(codec != nullptr, "false");
-    appendNumber(out, column);
+    Common::appendNumber(out, column);
     out += ':';
-    appendNumber(out, static_cast<unsigned long>(codec->fileType()));
+    Common::appendNumber(out, static_cast<unsigned long>(codec->fileType()));
     out += ':';
     codec->appendFileValue(out, cell);
     out += ' ';
@@ -462,7 +457,7 @@ void appendTableLines(std::string& out, const std::string& name, const Table& ta
     // The index as Common::flatten writes it.
     for (unsigned long component : index) {
       out += '.';
-      appendNumber(out, component);
+      Common::appendNumber(out, component);
     }
     out += " = ";
     appendRowTriplets(out, table.getDef(), row);

@@ -81,6 +81,9 @@ class GroupFileReader {
   bool splitTriplet(std::string_view text, size_t& next, unsigned int& column, int& type, std::string_view& value);
   bool setScalar(std::string_view value, Param* param);
   bool setTableRow(std::string_view value, Param* param);
+  // Reads the triplets of a table line into `row`; false at the first that
+  // cannot be read.
+  bool readCells(std::string_view value, const TableDef& def, TableRow& row, const Param& param);
 
   const regex_t& linePattern;
   const regex_t& tripletPattern;

@@ -5,7 +5,6 @@
 #include <arpa/inet.h>
 
 #include <algorithm>
-#include <charconv>
 #include <cstring>
 
 #include "filetext.h"
@@ -18,12 +17,6 @@ namespace Quorvel::Kvan {
 namespace {
 
 const unsigned char kZeroAddress[8] = {0, 0, 0, 0, 0, 0, 0, 0};
-
-template <class T>
-void appendNumber(std::string& out, T number) {
-  char digits[24];
-  out.append(digits, static_cast<size_t>(std::to_chars(digits, digits + sizeof digits, number).ptr - digits));
-}
 
 // The decoder's answers for text that is no escaped string.
 bool isDecodeError(const std::string& decoded) {
@@ -107,12 +100,12 @@ Variant ValueCodec::defaultValue() const {
 void ValueCodec::appendFileValue(std::string& out, const Variant& v) const {
   switch (type_) {
     case INTEGER:
-      appendNumber(out, v.getLong());
+      Common::appendNumber(out, v.getLong());
       break;
     case TIMETICKS:
       // Through the signed 32-bit output of the target: a count of 2^31 or
       // more is written negative, and the reader wraps it back.
-      appendNumber(out, static_cast<int32_t>(v.getTimeTicks().value));
+      Common::appendNumber(out, static_cast<int32_t>(v.getTimeTicks().value));
       break;
     case IPADDRESS:
       out += v.getString();
