@@ -275,7 +275,7 @@ bool GroupFileReader::applyLine(const char* text, size_t length) {
   regmatch_t m[4];
   if (!matchLine(text, length, m)) return true;
   if (linePattern.re_nsub < 2) {
-    ZELTA_TRACE();
+    ZELTA_TRACE_AS("loadFromFile");
     return false;
   }
   const std::string_view key = slotText(text, m[1]);
@@ -292,7 +292,7 @@ bool GroupFileReader::applyLine(const char* text, size_t length) {
     lastParam = it == params.end() ? nullptr : it->second;
     if (lastParam == nullptr) {
       // Files may hold parameters the program no longer defines.
-      ZELTA_TRACE();
+      ZELTA_TRACE_AS("loadFromFile");
       return true;
     }
   }
@@ -402,7 +402,7 @@ bool GroupFileReader::readCells(std::string_view value, const TableDef& def, Tab
         if (cell.getType() == VariantType::UNDEFINED) return false;
         storeCell(row, column, std::move(cell));
       } else {
-        ZELTA_TRACE();
+        ZELTA_TRACE_AS("setTableRow");
       }
     }
     if (next >= value.size()) break;
@@ -433,7 +433,7 @@ void appendRowTriplets(std::string& out, TableDef* def, const TableRow& row) {
     // The plus one is deliberate: existing files were written this way, and a
     // value column right before the RowStatus column is never stored.
     if (def == nullptr || Param::isSpecialColumn(def, column + 1)) {
-      ZELTA_TRACE();
+      ZELTA_TRACE_AS("flattenTableRow");
       continue;
     }
     auto field = def->fields.find(column);
