@@ -17,6 +17,7 @@
 #include <utility>
 #include <vector>
 
+#include "atomicfile.h"
 #include "valuecodec.h"
 #include "zelta/mibgen.h"
 #include "zelta/mibtypes.h"
@@ -39,12 +40,6 @@ struct MibError {
 };
 
 [[noreturn]] void fail(const std::string& message) { throw MibError{message}; }
-
-std::string dotted(const Oid& oid) {
-  std::string out;
-  for (unsigned long arc : oid) out += "." + std::to_string(arc);
-  return out;
-}
 
 bool startsWith(const Oid& oid, const Oid& prefix) {
   return oid.size() >= prefix.size() && std::equal(prefix.begin(), prefix.end(), oid.begin());
@@ -76,11 +71,6 @@ const std::vector<std::pair<const char*, Oid>>& smiNodes() {
 bool isDescriptor(const std::string& name) {
   if (name.empty() || name.size() > kMaxDescriptor || !islower(static_cast<unsigned char>(name[0]))) return false;
   return std::all_of(name.begin(), name.end(), [](char c) { return isalnum(static_cast<unsigned char>(c)) != 0; });
-}
-
-std::string lowered(std::string s) {
-  for (char& c : s) c = static_cast<char>(tolower(static_cast<unsigned char>(c)));
-  return s;
 }
 
 std::string capitalised(std::string s) {
@@ -126,9 +116,9 @@ std::string identityFromModule(const std::string& module) {
     if (end == std::string::npos) end = module.size();
     std::string part = module.substr(start, end - start);
     if (out.empty())
-      out = lowered(part);
+      out = Common::toLower(part);
     else
-      out += part == "MIB" ? part : capitalised(lowered(part));
+      out += part == "MIB" ? part : capitalised(Common::toLower(part));
     start = end + 1;
   }
   return out;
@@ -188,9 +178,9 @@ std::string quoted(const std::string& text, size_t indent) {
 // Descriptors in use, compared without case as RFC 2578 asks, with who uses them.
 class Names {
  public:
-  bool isFree(const std::string& name) const { return taken.count(lowered(name)) == 0; }
+  bool isFree(const std::string& name) const { return taken.count(Common::toLower(name)) == 0; }
   void take(const std::string& name, const std::string& owner) {
-    auto [it, added] = taken.emplace(lowered(name), owner);
+    auto [it, added] = taken.emplace(Common::toLower(name), owner);
     if (!added) fail(owner + ": descriptor " + name + " is already used by " + it->second);
   }
   // The first of `base`, base2, base3, ... (cut short so that base and every
@@ -291,7 +281,7 @@ class Generator {
     if (!internal::parseOid(options.oid, moduleOid) || moduleOid.size() < 2 || moduleOid[0] != 1)
       fail("module OID '" + options.oid + "' is no OID below iso (1)");
     for (const auto& [name, oid] : smiNodes()) {
-      if (oid == moduleOid) fail("module OID " + dotted(moduleOid) + " is SNMPv2-SMI's " + name);
+      if (oid == moduleOid) fail("module OID " + Common::flatten(moduleOid) + " is SNMPv2-SMI's " + name);
       if (startsWith(moduleOid, oid)) root = {name, oid};
     }
     identity = options.identityName.empty() ? identityFromModule(module) : options.identityName;
@@ -323,11 +313,10 @@ class Generator {
     Object object;
     object.key = p.key;
     object.access = entry->get_access();
-    Oid oid;
     object.owner = "object '" + printableKey(p.key) + "'";
-    if (!internal::parseOid(entry->getOid(), oid))
-      fail(object.owner + ": its OID '" + entry->getOid() + "' does not parse");
-    object.owner += " at " + dotted(oid);
+    Oid oid = entry->oidParts();
+    if (oid.empty()) fail(object.owner + ": its OID '" + entry->getOid() + "' does not parse");
+    object.owner += " at " + Common::flatten(oid);
     auto described = options.objects.find(p.key);
     if (described != options.objects.end()) {
       object.text = &described->second;
@@ -356,7 +345,7 @@ class Generator {
       fail(object.owner + ": an object of a kind no module describes");
     }
     if (oid.size() <= moduleOid.size() || !startsWith(oid, moduleOid))
-      fail(object.owner + " lies outside the module's OID " + dotted(moduleOid));
+      fail(object.owner + " lies outside the module's OID " + Common::flatten(moduleOid));
     object.oid = std::move(oid);
     objects.push_back(std::move(object));
   }
@@ -437,7 +426,7 @@ class Generator {
         fail(owner + ": OID '" + given.oid + "' does not lie below the module's OID");
       for (const Object& object : objects) {
         if (startsWith(n.oid, object.oid) || startsWith(object.oid, n.oid))
-          fail(owner + ": OID " + dotted(n.oid) + " meets " + object.owner);
+          fail(owner + ": OID " + Common::flatten(n.oid) + " meets " + object.owner);
       }
       for (const Notification& other : notifications)
         if (other.oid == n.oid) fail(owner + " has the OID of notification " + other.name);
@@ -512,8 +501,8 @@ class Generator {
       Oid oid;
       if (!internal::parseOid(text, oid)) fail("node name " + name + ": '" + text + "' is no OID");
       if (nodes.count(oid) == 0) continue;
-      if (!isDescriptor(name)) fail("node " + dotted(oid) + ": name '" + name + "' is no descriptor");
-      names.take(name, "node " + dotted(oid));
+      if (!isDescriptor(name)) fail("node " + Common::flatten(oid) + ": name '" + name + "' is no descriptor");
+      names.take(name, "node " + Common::flatten(oid));
       nodes[oid] = name;
     }
     for (Object& object : objects) {
@@ -531,7 +520,7 @@ class Generator {
       std::string parent = nameOf(Oid(oid.begin(), oid.end() - 1));
       parent.erase(std::remove(parent.begin(), parent.end(), '-'), parent.end());
       if (isdigit(static_cast<unsigned char>(parent.back()))) parent += 'x';
-      name = names.claim(parent + std::to_string(oid.back()), {""}, "node " + dotted(oid));
+      name = names.claim(parent + std::to_string(oid.back()), {""}, "node " + Common::flatten(oid));
     }
     for (Object& object : objects) {
       if (!object.isTable) continue;
@@ -769,22 +758,9 @@ bool generate(const std::vector<Published>& published, const MibModuleOptions& o
 }
 
 bool writeFile(const std::string& path, const std::string& text, std::string& error) {
-  std::string temporary = path + ".zelta-tmp.XXXXXX";
-  const int fd = mkstemp(temporary.data());
-  if (fd < 0) {
-    error = "cannot write " + path + ": " + strerror(errno);
-    return false;
-  }
-  FILE* file = fdopen(fd, "w");
-  bool ok = file != nullptr && fwrite(text.data(), 1, text.size(), file) == text.size();
-  ok = (file != nullptr ? fclose(file) == 0 : close(fd) == 0) && ok;
-  // mkstemp makes the file private; a MIB module is for everyone to read.
-  ok = ok && chmod(temporary.c_str(), 0644) == 0 && rename(temporary.c_str(), path.c_str()) == 0;
-  if (!ok) {
-    error = "cannot write " + path + ": " + strerror(errno);
-    unlink(temporary.c_str());
-  }
-  return ok;
+  if (Kvan::internal::replaceFile(path, text)) return true;
+  error = "cannot write " + path + ": " + strerror(errno);
+  return false;
 }
 
 }  // namespace

@@ -1,6 +1,5 @@
 // ParamGroup: a set of parameters stored in one file, with its auto-save.
 #include <fcntl.h>
-#include <libgen.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -19,6 +18,7 @@
 #include <thread>
 #include <vector>
 
+#include "atomicfile.h"
 #include "liblock.h"
 #include "trace.h"
 #include "zelta/logging.h"
@@ -57,31 +57,21 @@ bool writeAll(FILE* file, const std::string& text) {
   return text.empty() || fwrite(text.data(), 1, text.size(), file) == text.size();
 }
 
-std::string directoryOf(const std::string& path) {
-  std::vector<char> copy(path.begin(), path.end());
-  copy.push_back('\0');
-  return dirname(copy.data());
-}
-
 std::string fileNameOf(const std::string& path) {
   size_t slash = path.rfind('/');
   return slash == std::string::npos ? path : path.substr(slash + 1);
 }
 
-// Temporary files of crash-safe saves are "<file>.zelta-tmp.XXXXXX", a name
-// no group file and no host file is expected to have.
-const char kTempInfix[] = ".zelta-tmp.";
-const size_t kTempSuffixLength = 6;  // what mkstemp puts in place of XXXXXX
-
 // Removes the temporary files a power cut during a crash-safe save left next
 // to `path`. REQUIRES: the file-writes mutex (no save of ours is writing one).
 void removeStaleTemporaries(const std::string& path) {
-  const std::string prefix = fileNameOf(path) + kTempInfix;
-  DIR* dir = opendir(directoryOf(path).c_str());
+  const std::string prefix = fileNameOf(path) + internal::kTempInfix;
+  DIR* dir = opendir(internal::directoryOf(path).c_str());
   if (dir == nullptr) return;
   while (const dirent* entry = readdir(dir)) {
     const std::string name = entry->d_name;
-    if (name.size() != prefix.size() + kTempSuffixLength || name.compare(0, prefix.size(), prefix) != 0) continue;
+    if (name.size() != prefix.size() + internal::kTempSuffixLength || name.compare(0, prefix.size(), prefix) != 0)
+      continue;
     if (unlinkat(dirfd(dir), entry->d_name, 0) == 0)
       Log["libzelta"].append(INFO, "ParamGroup: - removed '%s', left by an interrupted save\n", name.c_str());
   }
@@ -218,32 +208,7 @@ bool ParamGroup::writeFile(const std::string& text) {
     return true;
   }
   // Crash-safe variant: the old file stays complete until the rename.
-  std::string tmpl = filePath + kTempInfix + "XXXXXX";
-  std::vector<char> tmpPath(tmpl.begin(), tmpl.end());
-  tmpPath.push_back('\0');
-  int fd = mkstemp(tmpPath.data());
-  if (fd < 0) return false;
-  FILE* file = fdopen(fd, "w");
-  if (file == nullptr) {
-    close(fd);
-    unlink(tmpPath.data());
-    return false;
-  }
-  fchmod(fd, 0644);
-  bool ok = writeAll(file, text);
-  ok = fflush(file) == 0 && ok;
-  ok = fsync(fd) == 0 && ok;
-  ok = fclose(file) == 0 && ok;
-  if (!ok || rename(tmpPath.data(), filePath.c_str()) != 0) {
-    unlink(tmpPath.data());
-    return false;
-  }
-  int dir = open(directoryOf(filePath).c_str(), O_RDONLY | O_DIRECTORY);
-  if (dir >= 0) {
-    fsync(dir);
-    close(dir);
-  }
-  return true;
+  return internal::replaceFile(filePath, text);
 }
 
 void ParamGroup::onChange(Param* param, const std::string& reason, const ExtraInfo* /*info*/) {
