@@ -145,11 +145,18 @@ class RandomRegistry {
     return at + "." + std::to_string(arc);
   }
   std::string key(unsigned arc) {
-    static const Strings kKeys{"value",    "route_table",      "routeTable",
-                               "HTTPPort", "gw.addr",          "x",
-                               "ALLCAPS",  "name-with-dashes", std::string(70, 'k') + "Long",
+    static const Strings kKeys{"value",
+                               "route_table",
+                               "routeTable",
+                               "HTTPPort",
+                               "gw.addr",
+                               "x",
+                               "ALLCAPS",
+                               "name-with-dashes",
+                               std::string(70, 'k') + "Long",
+                               "ip_address",
                                "9lives"};
-    std::string key = kKeys[pick(options.namePrefix.empty() ? 9 : 10)];
+    std::string key = kKeys[pick(options.namePrefix.empty() ? 10 : 11)];
     if (pick(2) || manager.getParams().count(key) != 0) key += std::to_string(arc);
     if (pick(5) == 0) options.objects[key].name = "given" + std::to_string(arc);
     if (pick(4) == 0) options.objects[key].description = "Set by the host, number " + std::to_string(arc) + ".";
@@ -317,6 +324,18 @@ TEST(MibGen, WhatNoModuleCanSayIsAnErrorNamingTheObjectAndWritesNothing) {
       {[](auto& s) { s.notify("moved", "1.3.6.1.4.1.88888.0.1"); }, {"notification moved", "below the module's OID"}},
       {[](auto& s) { s.notify("clash", "1.3.6.1.4.1.99999.7.1.1.0.1"); }, {"notification clash", "meets"}},
       {[](auto& s) { s.options.objects["volume"].description = "a \"b\""; }, {"'volume'", "quote"}},
+      {[](auto& s) { s.options.objects["volume"].name = "ipAddress"; }, {"'volume'", "ipAddress", "SMI type"}},
+      {[](auto& s) { s.options.revisionDate = "2026-1--01"; }, {"2026-1--01"}},
+      {[](auto& s) {
+         s.options.identityName = std::string(48, 'z');
+         s.notify("late", "1.3.6.1.4.1.99999.7.0.1");
+       },
+       {"at most 47 characters"}},
+      {[](auto& s) {
+         s.notify("outer", "1.3.6.1.4.1.99999.7.0.1");
+         s.notify("inner", "1.3.6.1.4.1.99999.7.0.1.3");
+       },
+       {"notification inner", "notification outer"}},
   };
   TempDir dir;
   for (const auto& [change, expected] : cases) {

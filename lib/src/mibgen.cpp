@@ -285,16 +285,19 @@ class Generator {
       if (startsWith(moduleOid, oid)) root = {name, oid};
     }
     identity = options.identityName.empty() ? identityFromModule(module) : options.identityName;
-    if (!isDescriptor(identity) || identity.size() + std::strlen("Compliances") > kMaxDescriptor)
-      fail("identity name '" + identity + "' is no descriptor of at most 53 characters");
+    // Its longest offspring names the conformance part's groups.
+    const char* longest = options.notifications.empty() ? "Compliances" : "NotificationGroup";
+    if (!isDescriptor(identity) || identity.size() + std::strlen(longest) > kMaxDescriptor)
+      fail("identity name '" + identity + "' is no descriptor of at most " +
+           std::to_string(kMaxDescriptor - std::strlen(longest)) + " characters");
     if (!options.namePrefix.empty() && !isDescriptor(options.namePrefix))
       fail("name prefix '" + options.namePrefix + "' is no descriptor");
     const std::string& date = options.revisionDate;
-    const bool dateOk = date.size() == 10 && date[4] == '-' && date[7] == '-' &&
-                        std::all_of(date.begin(), date.end(),
-                                    [](char c) { return isdigit(static_cast<unsigned char>(c)) != 0 || c == '-'; }) &&
-                        date.substr(0, 4) >= "1990" && date.substr(5, 2) >= "01" && date.substr(5, 2) <= "12" &&
-                        date.substr(8, 2) >= "01" && date.substr(8, 2) <= "31";
+    bool dateOk = date.size() == 10;
+    for (size_t i = 0; dateOk && i < date.size(); ++i)
+      dateOk = i == 4 || i == 7 ? date[i] == '-' : isdigit(static_cast<unsigned char>(date[i])) != 0;
+    dateOk = dateOk && date.substr(0, 4) >= "1990" && date.substr(5, 2) >= "01" && date.substr(5, 2) <= "12" &&
+             date.substr(8, 2) >= "01" && date.substr(8, 2) <= "31";
     if (!dateOk) fail("revision date '" + date + "' is no date YYYY-MM-DD");
     checkText(options.revisionDescription, "the revision description");
     checkText(options.organization, "the organization");
@@ -429,7 +432,8 @@ class Generator {
           fail(owner + ": OID " + Common::flatten(n.oid) + " meets " + object.owner);
       }
       for (const Notification& other : notifications)
-        if (other.oid == n.oid) fail(owner + " has the OID of notification " + other.name);
+        if (startsWith(n.oid, other.oid) || startsWith(other.oid, n.oid))
+          fail(owner + " has the OID of notification " + other.name);
       notifications.push_back(std::move(n));
     }
   }
@@ -470,6 +474,9 @@ class Generator {
 
   void nameEverything() {
     for (const auto& [name, oid] : smiNodes()) names.take(name, "SNMPv2-SMI");
+    // Names of types differ from a descriptor only in case, which is one too many.
+    for (const char* type : {"Integer32", "Unsigned32", "IpAddress", "TimeTicks", "RowStatus"})
+      names.take(type, "an SMI type");
     names.take(identity, "the MODULE-IDENTITY");
     for (const char* suffix : {"Conformance", "Groups", "Compliances", "ObjectGroup", "Compliance"})
       names.take(identity + suffix, "the conformance part");
