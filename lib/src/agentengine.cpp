@@ -347,11 +347,12 @@ void AgentEngine::serveOnce(int maxSeconds) {
       // connection, so only what is readable now is read.
       struct timeval now = {0, 0};
       if (select(numfds, fds.lfs_setptr, nullptr, nullptr, &now) > 0) snmp_read2(&fds);
-    } else if (count == 0) {
-      snmp_timeout();
-    } else if (selectErrno != EINTR) {
+    } else if (count < 0 && selectErrno != EINTR) {
       Log["libzelta"].append(WARNING, "AgentEngine: select failed: %s\n", strerror(selectErrno));
     }
+    // Every turn, not only an idle one: under steady requests the attempts
+    // of outstanding informs must still time out and be retried.
+    snmp_timeout();
     run_alarms();
     netsnmp_check_outstanding_agent_requests();
   }

@@ -176,6 +176,15 @@ void Notifier::stop() {
 void Notifier::flush() {
   LibraryLockGuard lock(libraryMutex());
   if (!running || (queued.empty() && pending.empty())) return;
+  // Only a turn in which an inform was answered or timed out (in the
+  // engine's turn) looks at them all: the others cost no more with many
+  // pending. Those done make room before anything new is sent.
+  if (informsDue) {
+    informsDue = false;
+    for (auto& [id, inform] : pending)
+      if (inform.resendDue) sendInform_nolock(id, inform);
+    eraseDone_nolock();
+  }
   if (!queued.empty()) {
     // One PDU's bindings in their order; PDUs and host changes as they came.
     std::unordered_map<const void*, size_t> firstSeen;
@@ -191,24 +200,6 @@ void Notifier::flush() {
     std::vector<Change> batch;
     batch.swap(queued);
     for (size_t i : order) send_nolock(changeOid, &batch[i]);
-  }
-  if (!pending.empty()) {
-    // Attempts whose wait ran out, also when requests kept the loop busy.
-    snmp_timeout();
-    // Only a turn in which an inform was answered or timed out looks at
-    // them all: the others cost no more with many pending.
-    if (informsDue) {
-      informsDue = false;
-      for (auto& [id, inform] : pending)
-        if (inform.resendDue) sendInform_nolock(id, inform);
-      for (auto it = pending.begin(); it != pending.end();) {
-        if (it->second.pdu == nullptr) {
-          it = pending.erase(it);
-        } else {
-          ++it;
-        }
-      }
-    }
   }
   logCounts_nolock(false);
 }
@@ -369,10 +360,14 @@ void Notifier::sendInform_nolock(long id, Inform& inform) {
   }
 }
 
+void Notifier::eraseDone_nolock() {
+  for (auto it = pending.begin(); it != pending.end();) it = it->second.pdu == nullptr ? pending.erase(it) : ++it;
+}
+
 void Notifier::dropOldest_nolock() {
-  // Informs already done wait for flush() to erase them: not a drop.
-  while (!pending.empty() && pending.begin()->second.pdu == nullptr) pending.erase(pending.begin());
-  if (pending.empty()) return;
+  // Informs already done make room first: their going is no drop.
+  eraseDone_nolock();
+  if (pending.size() < std::max<size_t>(maxPending, 1)) return;
   auto oldest = pending.begin();
   snmp_free_pdu(oldest->second.pdu);
   pending.erase(oldest);  // a reply to it, or its time-out, finds nothing

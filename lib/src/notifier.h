@@ -22,7 +22,6 @@
 #include <string>
 #include <vector>
 
-#include "zelta/export.h"
 #include "zelta/snmpagent.h"
 
 struct snmp_session;
@@ -34,8 +33,10 @@ namespace Quorvel::Kvan::SNMP {
 class DynMibTable;
 class MibEntry;
 
-// Exported for the tests only; not part of the public headers.
-class ZELTA_EXPORT Notifier {
+// Sends the agent's notifications: coldStart and the change notifications of
+// the objects that opted in, to the in-code targets and to those a manager
+// made in SNMP-NOTIFICATION-MIB.
+class Notifier {
  public:
   Notifier() = default;
   ~Notifier();
@@ -69,9 +70,6 @@ class ZELTA_EXPORT Notifier {
   static bool cellChange_nolock(const DynMibTable& table, const std::vector<unsigned long>& index, unsigned int column);
   static bool rowChange_nolock(const DynMibTable& table, const std::vector<unsigned long>& index);
 
-  // Informs to in-code targets waiting for their acknowledgement.
-  size_t pendingInforms() const { return pending.size(); }
-
  private:
   struct Target {
     NotifyTarget config;
@@ -97,6 +95,8 @@ class ZELTA_EXPORT Notifier {
   void queue_nolock(Change change);
   void send_nolock(const std::vector<unsigned long>& trapOid, const Change* change);
   void sendInform_nolock(long id, Inform& inform);
+  // Erases the informs that are done (acknowledged or given up).
+  void eraseDone_nolock();
   void dropOldest_nolock();
   void logCounts_nolock(bool force);
   static int informCallback(int op, ::snmp_session* session, int reqid, ::snmp_pdu* pdu, void* magic);
