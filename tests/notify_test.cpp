@@ -136,6 +136,27 @@ class NotifyTest : public ::testing::Test {
   int port = 0;
 };
 
+// Served through snmpd as AgentX master: the changes reach the master's
+// receivers, from the master.
+TEST_F(NotifyTest, ASubagentsChangesReachTheMastersReceivers) {
+  TrapReceiver receiver;
+  SnmpdMaster master;
+  master.sendTrapsTo(receiver.port());
+  ASSERT_TRUE(master.start());
+  params.hostnameInfo.getEntry()->setChangeNotification(true);
+  SNMPAgent::Options options;
+  options.changeNotificationOid = kChangeOid;
+  agent = startSubagent(&params.manager, master, options);
+  ASSERT_NE(agent, nullptr);
+  EXPECT_EQ(v2c("snmpset", {master.target(), kHostname, "s", "gamma"}).exitCode, 0);
+  Strings told;
+  for (const Received& r : receiver.await(2))
+    if (r.trapOid == kChangeOid) told.push_back(r.pdu + " " + changes({r})[0]);
+  EXPECT_EQ(told, Strings{"TRAP2, SNMP v2c, community public " + kHostname + " = STRING: \"gamma\""});
+  agent->stop();
+  agent->waitForFinish();
+}
+
 TEST_F(NotifyTest, EveryCommittedBindingOfAnOptedInObjectIsToldInOrder) {
   TrapReceiver receiver;
   start({target(receiver.port())});

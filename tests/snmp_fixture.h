@@ -238,8 +238,8 @@ inline std::unique_ptr<SNMPAgent> startServingAgent(ParamManager* manager, int& 
 
 // An SNMPAgent registered with `master` as its subagent; null when it did
 // not get there.
-inline std::unique_ptr<SNMPAgent> startSubagent(ParamManager* manager, const SnmpdMaster& master) {
-  SNMPAgent::Options options;
+inline std::unique_ptr<SNMPAgent> startSubagent(ParamManager* manager, const SnmpdMaster& master,
+                                                SNMPAgent::Options options = SNMPAgent::Options()) {
   options.agentxMaster = master.agentx();
   options.agentxPingSeconds = 1;
   auto agent = std::make_unique<SNMPAgent>(manager, options);

@@ -96,6 +96,13 @@ class SnmpdMaster {
     pid = -1;
   }
 
+  // Sends snmpd's notifications, and those its subagents send it, to a
+  // receiver on `port` of 127.0.0.1 (SNMPv2c traps). Before start().
+  void sendTrapsTo(int port) {
+    trapPort = port;
+    writeConfig();
+  }
+
   bool running() const { return pid > 0; }
   int port() const { return udpPort; }
   std::string target() const { return "127.0.0.1:" + std::to_string(udpPort); }
@@ -107,6 +114,7 @@ class SnmpdMaster {
       fprintf(f, "master agentx\nagentXSocket %s\nagentaddress udp:127.0.0.1:%d", address.c_str(), udpPort);
       if (ipv6) fprintf(f, ",udp6:[::1]:%d\nrwcommunity6 vorpal ::1", udpPort);
       fputs("\nrocommunity public 127.0.0.1\nrwcommunity vorpal 127.0.0.1\n", f);
+      if (trapPort != 0) fprintf(f, "trap2sink 127.0.0.1:%d public\n", trapPort);
       fclose(f);
     }
   }
@@ -133,7 +141,7 @@ class SnmpdMaster {
     return accepts;
   }
 
-  int udpPort, tcpPort = 0;
+  int udpPort, tcpPort = 0, trapPort = 0;
   bool ipv6;
   std::string dir, address;
   pid_t pid = -1;

@@ -152,6 +152,7 @@ void Notifier::start(const SNMPAgent::Options& options) {
     if (openSession(target)) targets.push_back(std::move(target));
   }
   running = true;
+  subagent = !options.agentxMaster.empty();
   activeNotifier = this;
   // A subagent's master announces its own start; a subagent sends none.
   if (options.agentxMaster.empty()) send_nolock(kColdStart, nullptr);
@@ -317,6 +318,9 @@ void Notifier::send_nolock(const std::vector<unsigned long>& trapOid, const Chan
   // callback is registered only by the first start in a process, and
   // Net-SNMP only calls it once a target came from its own configuration.
   send_notifications(SNMP_CALLBACK_APPLICATION, SNMPD_CALLBACK_SEND_TRAP2, notification, nullptr);
+  // A subagent's trap sessions are its master: the notification goes there
+  // as an AgentX Notify, and the master sends it to its own targets.
+  if (subagent) send_v2trap(notification->variables);
 
   for (size_t i = 0; i < targets.size(); ++i) {
     Target& target = targets[i];

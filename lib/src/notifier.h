@@ -102,6 +102,7 @@ class Notifier {
   static int informCallback(int op, ::snmp_session* session, int reqid, ::snmp_pdu* pdu, void* magic);
 
   bool running = false;
+  bool subagent = false;  // an AgentX subagent: the master's receivers hear the changes too
   std::vector<Target> targets;
   std::vector<unsigned long> changeOid;
   size_t maxPending = 0;
