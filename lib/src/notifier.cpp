@@ -236,21 +236,6 @@ void Notifier::committedStatus_nolock(const MibEntry& entry, const ::variable_li
   self->queue_nolock(std::move(change));
 }
 
-namespace {
-
-// A value as Net-SNMP keeps it in a binding: numbers as a long, the rest as
-// bytes.
-void toBinding(const ValueCodec& codec, const SnmpValue& value, unsigned char& type, std::string& bytes) {
-  type = codec.asnType();
-  if (type == ASN_INTEGER || type == ASN_TIMETICKS) {
-    bytes.assign(reinterpret_cast<const char*>(&value.num), sizeof value.num);
-  } else {
-    bytes = value.bytes;
-  }
-}
-
-}  // namespace
-
 bool Notifier::leafChange_nolock(const MibEntry& entry) {
   Notifier* self = accepting_nolock(entry);
   const auto* leaf = dynamic_cast<const MibLeaf*>(&entry);
@@ -260,7 +245,8 @@ bool Notifier::leafChange_nolock(const MibEntry& entry) {
   if (codec == nullptr || !codec->toSnmp(*leaf->value, now)) return false;
   Change change;
   change.name = entry.oidParts();
-  toBinding(*codec, now, change.type, change.value);
+  change.type = codec->asnType();
+  change.value = codec->bindingBytes(now);
   self->queue_nolock(std::move(change));
   return true;
 }
@@ -271,16 +257,15 @@ bool Notifier::cellChange_nolock(const DynMibTable& table, const std::vector<uns
   if (self == nullptr || table.oidParts().empty()) return false;
   auto row = table.rows.find(index);
   if (row == table.rows.end()) return false;
-  const MibCell* cell = nullptr;
-  for (const MibCell& c : row->second.cells)
-    if (c.column == column) cell = &c;
+  const MibCell* cell = row->second.cell(column);
   const ValueCodec* codec = cell != nullptr ? ValueCodec::of(cell->type) : nullptr;
   if (codec == nullptr || !cell->hasValue) return false;
   Change change;
   change.name = table.oidParts();
   change.name.push_back(column);
   change.name.insert(change.name.end(), index.begin(), index.end());
-  toBinding(*codec, *cell, change.type, change.value);
+  change.type = codec->asnType();
+  change.value = codec->bindingBytes(*cell);
   self->queue_nolock(std::move(change));
   return true;
 }

@@ -327,11 +327,15 @@ bool ValueCodec::inRange(const SnmpValue& value, const Bounds& bounds) const {
          (value.num >= static_cast<int32_t>(bounds.min) && value.num <= static_cast<int32_t>(bounds.max));
 }
 
-void ValueCodec::answer(::variable_list* vb, const SnmpValue& value) const {
+std::string_view ValueCodec::bindingBytes(const SnmpValue& value) const {
   if (type_ == INTEGER || type_ == TIMETICKS)
-    snmp_set_var_typed_value(vb, asnType(), &value.num, sizeof value.num);
-  else
-    snmp_set_var_typed_value(vb, asnType(), value.bytes.data(), value.bytes.size());
+    return std::string_view(reinterpret_cast<const char*>(&value.num), sizeof value.num);
+  return value.bytes;
+}
+
+void ValueCodec::answer(::variable_list* vb, const SnmpValue& value) const {
+  const std::string_view bytes = bindingBytes(value);
+  snmp_set_var_typed_value(vb, asnType(), bytes.data(), bytes.size());
 }
 
 }  // namespace Quorvel::Kvan

@@ -88,6 +88,9 @@ class ValueCodec {
   int checkSet(const ::variable_list& vb, const Bounds& bounds, SnmpValue& out) const;
   // An INTEGER's value bounds (other types always pass).
   bool inRange(const SnmpValue& value, const Bounds& bounds) const;
+  // The bytes of `value` as a binding of this type holds them: a number as
+  // a long, the rest as they are.
+  std::string_view bindingBytes(const SnmpValue& value) const;
   // Puts `value` into an answer binding.
   void answer(::variable_list* vb, const SnmpValue& value) const;
 

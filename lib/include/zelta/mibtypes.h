@@ -267,11 +267,12 @@ struct MibRow {
   std::vector<MibCell> cells;
   void* tdataRow = nullptr;  // the row's Net-SNMP twin while registered
 
-  MibCell* cell(unsigned int column) {
-    for (MibCell& c : cells)
+  const MibCell* cell(unsigned int column) const {
+    for (const MibCell& c : cells)
       if (c.column == column) return &c;
     return nullptr;
   }
+  MibCell* cell(unsigned int column) { return const_cast<MibCell*>(static_cast<const MibRow*>(this)->cell(column)); }
   // Ready for service: every cell has a value.
   bool isReady() const {
     for (const MibCell& c : cells)
