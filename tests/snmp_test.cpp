@@ -222,7 +222,8 @@ class ScalarTest : public Routed<AgentTest> {
  protected:
   void SetUp() override {
     ASSERT_TRUE(startAgent({integer.info.getEntry(), ranged.info.getEntry(), ticks.info.getEntry(), ip.info.getEntry(),
-                            text.info.getEntry(), bounded.info.getEntry(), logaddr.info.getEntry()}));
+                            text.info.getEntry(), bounded.info.getEntry(), logaddr.info.getEntry(),
+                            numberAsTicks.info.getEntry(), textAsInteger.info.getEntry()}));
   }
   std::vector<Scalar*> all() { return {&integer, &ranged, &ticks, &ip, &text, &bounded, &logaddr}; }
 
@@ -231,6 +232,8 @@ class ScalarTest : public Routed<AgentTest> {
       ip{4, Variant("10.1.2.3"), as<IPAddressMibLeaf>};
   Scalar text{5, Variant("hello"), as<StringMibLeaf>}, bounded{6, Variant("abc"), as<MinMaxStringMibLeaf>, 2u, 5u};
   Scalar logaddr{7, Variant(reinterpret_cast<const unsigned char*>("00001234")), as<LogaddrmainMibLeaf>};
+  // A host's slips: values of another kind than the leaf's type.
+  Scalar numberAsTicks{8, Variant(5L), as<TimeTicksMibLeaf>}, textAsInteger{9, Variant("x"), as<IntMibLeaf>};
 };
 
 INSTANTIATE_TEST_SUITE_P(, ScalarTest, testing::Values(Route::Direct, Route::ThroughMaster), routeName);
@@ -281,6 +284,17 @@ TEST_P(ScalarTest, RefusalsCarryTheirStatusAndChangeNothing) {
   EXPECT_EQ(Common::logaddrMainToString(logaddr.value.getLogaddrMain()), "00001234");
   integer.info.entryAs<IntMibLeaf>()->setAccess(READWRITE);
   EXPECT_EQ(refusal("2c", {leaf(1), "i", "9"}), "");
+}
+
+TEST_P(ScalarTest, ValuesOfAnotherKindAreReadAsTheTypeAndNeverWritten) {
+  ToolResult r = get("2c", {leaf(8), leaf(9)});
+  EXPECT_EQ(valueOf(r.out, leaf(8)), "Timeticks: (5) 0:00:00.05");
+  EXPECT_EQ(valueOf(r.out, leaf(9)), "INTEGER: 0");  // the type's default
+  EXPECT_EQ(refusal("2c", {leaf(8), "t", "7"}), "genError");
+  EXPECT_EQ(refusal("2c", {leaf(9), "i", "7"}), "genError");
+  EXPECT_EQ(numberAsTicks.value.getLong(), 5);
+  EXPECT_EQ(textAsInteger.value.getString(), "x");
+  EXPECT_EQ(valueOf(get("2c", {leaf(1)}).out, leaf(1)), "INTEGER: 42");  // still serving
 }
 
 // ---- DynMibTable: one with one index at kBase.2, one with two at kBase.3.

@@ -44,6 +44,10 @@ int checkValue(ValueType type, bool bounded, long min, long max, Variant& value,
   SnmpValue checked;
   const int status = codec->checkSet(vb, bounds, checked);
   if (status != SNMP_ERR_NOERROR) return status;
+  // A parameter the host declared with a value of another kind than its type
+  // cannot take a value of the type: the device's fault, refused rather than
+  // aborting the agent.
+  if (value.getType() != VariantType::UNDEFINED && !codec->fits(value)) return SNMP_ERR_GENERR;
   // The validator sees out-of-range integers too.
   const bool ok = value.callValidator(codec->fromSnmp(checked)) && codec->inRange(checked, bounds);
   return ok ? SNMP_ERR_NOERROR : SNMP_ERR_WRONGVALUE;
