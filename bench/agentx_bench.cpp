@@ -6,19 +6,12 @@
 // loopback ports and is stopped by its PID at exit.
 #include <benchmark/benchmark.h>
 
-#include <atomic>
 #include <chrono>
-#include <future>
-#include <map>
-#include <memory>
 #include <string>
-#include <thread>
 
-#include "../lib/src/agentengine.h"
 #include "../tests/snmpd_master.h"
+#include "served_objects.h"
 #include "snmp_wire.h"
-#include "zelta/mibtypes.h"
-#include "zelta/tabledef.h"
 
 using namespace Quorvel::Kvan;
 using namespace Quorvel::Kvan::SNMP;
@@ -28,8 +21,8 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 const unsigned long kRows = 10000;
-const char kScalarOid[] = "1.3.6.1.4.1.99999.1.1.0";
-const char kTableOid[] = ".1.3.6.1.4.1.99999.2";
+using zelta_bench::kScalarOid;
+using zelta_bench::kTableOid;
 
 enum class Route { Direct, ThroughMaster };
 
@@ -40,12 +33,10 @@ class Rig {
     static Rig rig;
     return rig;
   }
-  ~Rig() { stopServing(); }
 
   // Serves the objects by `route`; the UDP port that answers, 0 on failure.
   int serve(Route route) {
     if (port != 0 && route == current) return port;
-    stopServing();
     AgentConfig config;
     if (route == Route::ThroughMaster) {
       if (!master.running() && !master.start()) return 0;
@@ -54,17 +45,9 @@ class Rig {
       config.listenAddress = "127.0.0.1";
       config.port = zelta_test::freeUdpPort();
     }
-    auto started = std::make_shared<std::promise<bool>>();
-    std::future<bool> ready = started->get_future();
-    stop = false;
-    server = std::thread([this, config, started] {
-      const bool up = engine.initialize(config, {scalar.getEntry(), table.getEntry()});
-      started->set_value(up);
-      while (up && !stop) engine.serveOnce(1);
-      engine.shutdown();
-    });
-    if (!ready.get() || (route == Route::ThroughMaster && !AgentEngine::isConnectedToMaster())) {
-      stopServing();
+    if (!objects.serve(config) || (route == Route::ThroughMaster && !AgentEngine::isConnectedToMaster())) {
+      objects.stopServing();
+      port = 0;
       return 0;
     }
     current = route;
@@ -74,39 +57,11 @@ class Rig {
 
  private:
   Rig() {
-    std::map<unsigned int, FieldType> fields{{2, FieldType(INTEGER, NO_RANGE, NO_RANGE)},
-                                             {3, FieldType(STRING, NO_RANGE, NO_RANGE)},
-                                             {4, FieldType(TIMETICKS, NO_RANGE, NO_RANGE)}};
-    def = TableDef({1}, 5, fields, 1);
-    tableValue = Variant(Table(&def));
-    Table* rows = tableValue.getMutableTable();
-    for (unsigned long i = 1; i <= kRows; ++i) {
-      rows->addOrUpdateRow({i});
-      rows->setCellValue({i}, 2, static_cast<long>(i));
-      rows->setCellValue({i}, 3, std::string("row ") + std::to_string(i));
-      rows->setCellValue({i}, 4, static_cast<long>(i * 100));
-    }
-    scalar.setEntry(new IntMibLeaf(&scalar, &scalarValue));
-    table.setEntry(new DynMibTable(&table, &tableValue));  // takes the rows
-  }
-  void stopServing() {
-    if (server.joinable()) {
-      stop = true;
-      engine.wakeUp();
-      server.join();
-    }
-    port = 0;
+    for (unsigned long i = 1; i <= kRows; ++i) objects.addRow(i);
   }
 
   zelta_test::SnmpdMaster master;  // outlives the engine's session to it
-  TableDef def;
-  Variant scalarValue{42L};
-  Variant tableValue;
-  SNMPInfo scalar{kScalarOid, READWRITE};
-  SNMPInfo table{".1.3.6.1.4.1.99999.2.1", READCREATE};
-  AgentEngine engine;
-  std::thread server;
-  std::atomic<bool> stop{false};
+  zelta_bench::ServedObjects objects;
   Route current = Route::Direct;
   int port = 0;
 };

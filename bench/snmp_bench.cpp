@@ -13,23 +13,16 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <future>
-#include <map>
-#include <memory>
 #include <string>
-#include <thread>
 #include <vector>
 
-#include "../lib/src/agentengine.h"
 #include "../tests/loopback.h"
+#include "served_objects.h"
 #include "snmp_wire.h"
-#include "zelta/mibtypes.h"
-#include "zelta/tabledef.h"
 
 using namespace Quorvel::Kvan;
 using namespace Quorvel::Kvan::SNMP;
@@ -39,8 +32,6 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 const int kRows = 10000;
-const char kScalarOid[] = "1.3.6.1.4.1.99999.1.1.0";
-const char kTableOid[] = ".1.3.6.1.4.1.99999.2";
 const char kSnmpdScalarOid[] = "1.3.6.1.2.1.1.3.0";  // sysUpTime.0
 // Candidates for snmpd's largest table; the one with most varbinds is walked.
 const char* const kSnmpdTables[] = {".1.3.6.1.2.1.25.6.3", ".1.3.6.1.2.1.25.4.2", ".1.3.6.1.2.1.2.2",
@@ -50,6 +41,8 @@ const char* const kSnmpdTables[] = {".1.3.6.1.2.1.25.6.3", ".1.3.6.1.2.1.25.4.2"
 using zelta_bench::bulkwalk;
 using zelta_bench::GetClient;
 using zelta_bench::getsPerSecond;
+using zelta_bench::kScalarOid;
+using zelta_bench::kTableOid;
 using zelta_test::freeUdpPort;
 
 long residentBytes() {
@@ -81,41 +74,15 @@ class Agents {
 
  private:
   Agents() {
-    std::map<unsigned int, FieldType> fields{{2, FieldType(INTEGER, NO_RANGE, NO_RANGE)},
-                                             {3, FieldType(STRING, NO_RANGE, NO_RANGE)},
-                                             {4, FieldType(TIMETICKS, NO_RANGE, NO_RANGE)}};
-    def = TableDef({1}, 5, fields, 1);
-    tableValue = Variant(Table(&def));
-    scalar.setEntry(new IntMibLeaf(&scalar, &scalarValue));
-    table.setEntry(new DynMibTable(&table, &tableValue));
-
     zeltaPort = freeUdpPort();
     AgentConfig config;
     config.listenAddress = "127.0.0.1";
     config.port = zeltaPort;
-    auto started = std::make_shared<std::promise<bool>>();
-    std::future<bool> ready = started->get_future();
-    server = std::thread([this, config, started] {
-      bool up = engine.initialize(config, {scalar.getEntry(), table.getEntry()});
-      started->set_value(up);
-      auto deadline = Clock::now() + std::chrono::minutes(30);
-      while (up && !stop && Clock::now() < deadline) engine.serveOnce(1);
-      engine.shutdown();
-    });
-    zeltaUp = ready.get();
+    zeltaUp = objects.serve(config);
 
-    // Rows as the file loader adds them, while the agent runs: the Table
-    // row, then the agent's copy.
+    // Rows added while the agent runs.
     long before = residentBytes();
-    DynMibTable* mib = table.entryAs<DynMibTable>();
-    Table* t = tableValue.getMutableTable();
-    for (unsigned long i = 1; i <= kRows; ++i) {
-      t->addOrUpdateRow({i});
-      t->setCellValue({i}, 2, static_cast<long>(i));
-      t->setCellValue({i}, 3, std::string("row ") + std::to_string(i));
-      t->setCellValue({i}, 4, static_cast<long>(i * 100));
-      mib->addRow({i}, t->getRow({i}));
-    }
+    for (unsigned long i = 1; i <= kRows; ++i) objects.addRow(i);
     bytesPerRow = static_cast<double>(residentBytes() - before) / kRows;
 
     startSnmpd();
@@ -139,9 +106,6 @@ class Agents {
       }
     }
     if (!snmpdDir.empty()) nftw(snmpdDir.c_str(), removeOne, 8, FTW_DEPTH | FTW_PHYS);
-    stop = true;
-    engine.wakeUp();
-    if (server.joinable()) server.join();
   }
 
   void startSnmpd() {
@@ -170,14 +134,7 @@ class Agents {
       if (probe.get()) return;
   }
 
-  TableDef def;
-  Variant scalarValue{42L};
-  Variant tableValue;
-  SNMPInfo scalar{kScalarOid, READWRITE};
-  SNMPInfo table{".1.3.6.1.4.1.99999.2.1", READCREATE};
-  AgentEngine engine;
-  std::thread server;
-  std::atomic<bool> stop{false};
+  zelta_bench::ServedObjects objects;
   bool zeltaUp = false;
   pid_t snmpdPid = -1;
   std::string snmpdDir;
