@@ -12,7 +12,7 @@
 #include <string>
 #include <thread>
 
-#include "../lib/src/agentengine.h"
+#include "../lib/src/snmp/agentengine.h"
 #include "zelta/mibtypes.h"
 #include "zelta/tabledef.h"
 

@@ -9,7 +9,7 @@
 #include <cstdlib>
 #include <string>
 
-#include "../lib/src/groupfile.h"
+#include "../lib/src/params/groupfile.h"
 
 namespace zelta_test {
 

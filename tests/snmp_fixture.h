@@ -19,7 +19,7 @@
 #include <thread>
 #include <vector>
 
-#include "../lib/src/agentengine.h"
+#include "../lib/src/snmp/agentengine.h"
 #include "loopback.h"
 #include "snmpd_master.h"
 #include "test_util.h"

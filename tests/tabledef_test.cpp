@@ -113,7 +113,7 @@ TEST(VariantEquality, NumbersByValueStringsAndTablesByIdentity) {
   EXPECT_FALSE(Variant() == Variant());
   Variant s("a");
   std::string out = stdoutOf([&] { EXPECT_TRUE(s == s && !(s == Variant("a"))); });
-  EXPECT_NE(out.find("\033[00;34m[TRACE] lib/src/tabledef.cpp:operator==:"), std::string::npos) << out;
+  EXPECT_NE(out.find("\033[00;34m[TRACE] lib/src/values/tabledef.cpp:operator==:"), std::string::npos) << out;
 }
 
 TEST(VariantListener, CallsAreRoutedToTheListener) {

@@ -1,0 +1,13 @@
+#include "base/liblock.h"
+
+namespace Quorvel::Kvan {
+
+LibraryMutex& libraryMutex() {
+  // Never destroyed: detached save workers may still take it during exit.
+  static auto* mutex = new LibraryMutex();
+  return *mutex;
+}
+
+std::recursive_mutex& libraryLock() { return libraryMutex().native(); }
+
+}  // namespace Quorvel::Kvan

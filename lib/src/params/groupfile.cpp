@@ -1,0 +1,468 @@
+#include "params/groupfile.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdint>
+#include <cstring>
+
+#include "base/filetext.h"
+#include "base/liblock.h"
+#include "base/trace.h"
+#include "values/valuecodec.h"
+#include "zelta/logging.h"
+#include "zelta/param.h"
+
+namespace Quorvel::Kvan::groupfile {
+
+namespace {
+
+// The classes of the patterns for bytes below 0x80, the same in every
+// locale, as bits of one table entry per byte.
+enum : uint8_t { kSpace = 1, kDigit = 2, kAlnum = 4, kKey = 8 /* alnum or '.' */ };
+
+struct CharClasses {
+  uint8_t bits[256] = {};
+  constexpr CharClasses() {
+    for (int c : {' ', '\t', '\n', '\v', '\f', '\r'}) bits[c] = kSpace;
+    for (int c = '0'; c <= '9'; ++c) bits[c] = kDigit | kAlnum | kKey;
+    for (int c = 'a'; c <= 'z'; ++c) bits[c] = bits[c - 'a' + 'A'] = kAlnum | kKey;
+    bits[static_cast<unsigned char>('.')] = kKey;
+  }
+};
+
+constexpr CharClasses kClasses;
+
+bool is(unsigned char c, uint8_t cls) { return (kClasses.bits[c] & cls) != 0; }
+
+// The length regexec sees (up to the first NUL). `askRegex` is set when the
+// text holds a byte the classes depend on the locale for, or a line end.
+size_t judge(const char* text, size_t length, bool& askRegex) {
+  askRegex = false;
+  size_t i = 0;
+  // Eight bytes at a time while none is high, NUL or a line end.
+  const uint64_t ones = 0x0101010101010101ull, highs = 0x8080808080808080ull;
+  for (; i + 8 <= length; i += 8) {
+    uint64_t w;
+    memcpy(&w, text + i, 8);
+    const uint64_t newlines = w ^ (ones * '\n');
+    if (((w | ((w - ones) & ~w) | ((newlines - ones) & ~newlines)) & highs) != 0) break;
+  }
+  for (; i < length; ++i) {
+    const unsigned char c = static_cast<unsigned char>(text[i]);
+    if (c == 0) return i;
+    if (c >= 0x80 || c == '\n') {
+      askRegex = true;
+      return 0;
+    }
+  }
+  return length;
+}
+
+// The value of a run of decimal digits, saturated at `limit`.
+uint32_t digitsValue(const char* digit, const char* end, uint32_t limit) {
+  uint64_t value = 0;
+  for (; digit < end && value <= limit; ++digit) value = value * 10 + static_cast<uint64_t>(*digit - '0');
+  return value > limit ? limit : static_cast<uint32_t>(value);
+}
+
+void setSlot(regmatch_t& slot, size_t start, size_t end) {
+  slot.rm_so = static_cast<regoff_t>(start);
+  slot.rm_eo = static_cast<regoff_t>(end);
+}
+
+void clearSlot(regmatch_t& slot) { slot.rm_so = slot.rm_eo = -1; }
+
+std::string_view slotText(const char* text, const regmatch_t& slot) {
+  if (slot.rm_so < 0 || slot.rm_eo < slot.rm_so) return {};
+  return std::string_view(text + slot.rm_so, static_cast<size_t>(slot.rm_eo - slot.rm_so));
+}
+
+// A row's cell takes the loaded value; a cell of another kind (put there by
+// the host) is replaced rather than reaching the Variant's assertion.
+void storeCell(TableRow& row, unsigned int column, Variant&& value) {
+  // Lines list cells in column order: a new row's cells go to its end.
+  if (row.empty() || row.rbegin()->first < column) {
+    row.emplace_hint(row.end(), column, std::move(value));
+    return;
+  }
+  auto [it, inserted] = row.try_emplace(column, std::move(value));
+  if (inserted) return;
+  if (it->second.getType() != value.getType()) it->second.deleteInternalStorage();
+  it->second = std::move(value);
+}
+
+// True when a triplet of type number `written` holds a value of `type`
+// (logical addresses are written with the string type).
+bool readsAs(int written, ValueType type) {
+  const ValueCodec* codec = ValueCodec::of(type);
+  return written == type || (codec != nullptr && codec->readsFileType(written));
+}
+
+// The file descriptor of a readable regular file, or -1.
+int openForReading(const std::string& path) {
+  int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  struct stat info {};
+  // A directory opens, but is no file to read.
+  if (fd >= 0 && (fstat(fd, &info) != 0 || S_ISDIR(info.st_mode))) {
+    close(fd);
+    fd = -1;
+  }
+  return fd;
+}
+
+}  // namespace
+
+const char kLinePattern[] =
+    "^[[:space:]]*([[:alnum:].]*\\.[[:digit:].]*)[[:space:]]*=[[:space:]]*([^=[:space:]](.*[^[:space:]])?)[[:space:]]*"
+    "$";
+const char kTripletPattern[] = "^[[:space:]]*([[:digit:]]+):([[:digit:]]+):([^[:space:]\"]+|\"[^\"]*\")[[:space:]]?.*$";
+
+// ---- Scanning
+//
+// Line pattern:
+//   ^[[:space:]]*([[:alnum:].]*\.[[:digit:].]*)[[:space:]]*=[[:space:]]*([^=[:space:]](.*[^[:space:]])?)[[:space:]]*$
+// The key can hold neither blanks nor '=', so it is the run of letters,
+// digits and dots after the leading blanks, and it needs a dot after its
+// last letter. The value runs from the first non-blank after the first '='
+// to the last non-blank of the line.
+
+Scan scanLine(const char* text, size_t length, regmatch_t (&match)[4]) {
+  bool askRegex = false;
+  const size_t n = judge(text, length, askRegex);
+  return askRegex ? Scan::kAskRegex : scanJudgedLine(reinterpret_cast<const unsigned char*>(text), n, match);
+}
+
+Scan scanJudgedLine(const unsigned char* t, size_t n, regmatch_t (&match)[4]) {
+  size_t i = 0;
+  while (i < n && is(t[i], kSpace)) ++i;
+  const size_t keyStart = i;
+  bool dotAfterLastLetter = false;
+  for (; i < n && is(t[i], kKey); ++i) {
+    if (t[i] == '.')
+      dotAfterLastLetter = true;
+    else if (!is(t[i], kDigit))
+      dotAfterLastLetter = false;
+  }
+  const size_t keyEnd = i;
+  if (!dotAfterLastLetter) return Scan::kNoMatch;
+  while (i < n && is(t[i], kSpace)) ++i;
+  if (i >= n || t[i] != '=') return Scan::kNoMatch;
+  ++i;
+  while (i < n && is(t[i], kSpace)) ++i;
+  if (i >= n || t[i] == '=') return Scan::kNoMatch;
+  const size_t valueStart = i;
+  size_t valueEnd = n;
+  while (is(t[valueEnd - 1], kSpace)) --valueEnd;  // stops at valueStart at the latest
+  setSlot(match[0], 0, n);
+  setSlot(match[1], keyStart, keyEnd);
+  setSlot(match[2], valueStart, valueEnd);
+  if (valueEnd - valueStart >= 2)
+    setSlot(match[3], valueStart + 1, valueEnd);
+  else
+    clearSlot(match[3]);
+  return Scan::kMatch;
+}
+
+// Triplet pattern:
+//   ^[[:space:]]*([[:digit:]]+):([[:digit:]]+):([^[:space:]"]+|"[^"]*")[[:space:]]?.*$
+// The value is the quoted text up to the next quote, or the run up to the
+// first blank or quote; the rest of the text is matched by ".*".
+
+Scan scanTriplet(const char* text, size_t length, regmatch_t (&match)[4]) {
+  bool askRegex = false;
+  const size_t n = judge(text, length, askRegex);
+  return askRegex ? Scan::kAskRegex : scanJudgedTriplet(reinterpret_cast<const unsigned char*>(text), n, match);
+}
+
+Scan scanJudgedTriplet(const unsigned char* t, size_t n, regmatch_t (&match)[4]) {
+  size_t i = 0;
+  while (i < n && is(t[i], kSpace)) ++i;
+  size_t bounds[2][2];
+  for (auto& number : bounds) {
+    number[0] = i;
+    while (i < n && is(t[i], kDigit)) ++i;
+    number[1] = i;
+    if (i == number[0] || i >= n || t[i] != ':') return Scan::kNoMatch;
+    ++i;
+  }
+  const size_t valueStart = i;
+  if (i >= n || is(t[i], kSpace)) return Scan::kNoMatch;
+  if (t[i] == '"') {
+    const void* quote = memchr(t + i + 1, '"', n - i - 1);
+    if (quote == nullptr) return Scan::kNoMatch;
+    i = static_cast<size_t>(static_cast<const unsigned char*>(quote) - t) + 1;
+  } else {
+    while (i < n && !is(t[i], kSpace) && t[i] != '"') ++i;
+  }
+  setSlot(match[0], 0, n);
+  setSlot(match[1], bounds[0][0], bounds[0][1]);
+  setSlot(match[2], bounds[1][0], bounds[1][1]);
+  setSlot(match[3], valueStart, i);
+  return Scan::kMatch;
+}
+
+// ---- Reading
+
+GroupFileReader::GroupFileReader(const regex_t& line, const regex_t& triplet,
+                                 const std::unordered_map<std::string, Param*>& registry)
+    : linePattern(line), tripletPattern(triplet), params(registry), log(Log["libzelta"]) {}
+
+bool GroupFileReader::matchLine(const char* text, size_t length, regmatch_t (&m)[4]) {
+  bool askRegex = false;
+  const size_t n = judge(text, length, askRegex);
+  lineJudged = !askRegex;
+  if (lineJudged) return scanJudgedLine(reinterpret_cast<const unsigned char*>(text), n, m) == Scan::kMatch;
+  copy.assign(text, length);
+  return regexec(&linePattern, copy.c_str(), 4, m, 0) == 0;
+}
+
+bool GroupFileReader::matchTriplet(std::string_view text, regmatch_t (&m)[4]) {
+  // A part of a judged line needs no judging of its own.
+  const Scan scan = lineJudged ? scanJudgedTriplet(reinterpret_cast<const unsigned char*>(text.data()), text.size(), m)
+                               : scanTriplet(text.data(), text.size(), m);
+  if (scan != Scan::kAskRegex) return scan == Scan::kMatch;
+  copy.assign(text);
+  return regexec(&tripletPattern, copy.c_str(), 4, m, 0) == 0;
+}
+
+void GroupFileReader::load(const std::string& path) {
+  log.append(DEBUG, "ParamManager: loading data from file '%s'\n", path.c_str());
+  const int fd = openForReading(path);
+  if (fd < 0) {
+    log.append(WARNING, "ParamManager: - cannot open '%s' for reading\n", path.c_str());
+    return;
+  }
+  // Lines are taken from the buffer where they lie; only a line cut by the
+  // end of a read is put together in `pending`. The lines of one read are
+  // applied under the library lock: the agent and the host's threads see
+  // each line's values whole, and wait a fraction of a millisecond at most.
+  std::vector<char> buffer(16 * 1024);
+  std::string pending;
+  bool reading = true;
+  while (reading) {
+    const ssize_t got = read(fd, buffer.data(), buffer.size());
+    if (got < 0 && errno == EINTR) continue;
+    if (got <= 0) break;
+    const char* start = buffer.data();
+    const char* end = start + got;
+    LibraryLockGuard lock(libraryMutex());
+    for (const char* newline; reading && (newline = static_cast<const char*>(memchr(start, '\n', end - start)));
+         start = newline + 1) {
+      if (pending.empty()) {
+        reading = applyLine(start, static_cast<size_t>(newline - start));
+      } else {
+        pending.append(start, newline);
+        reading = applyLine(pending.data(), pending.size());
+        pending.clear();
+      }
+    }
+    if (reading) pending.append(start, end);
+  }
+  // A last line without a line end counts too.
+  if (reading && !pending.empty()) {
+    LibraryLockGuard lock(libraryMutex());
+    applyLine(pending.data(), pending.size());
+  }
+  close(fd);
+}
+
+// REQUIRES: library lock held (values and tables are written in place).
+bool GroupFileReader::applyLine(const char* text, size_t length) {
+  libraryMutex().assertHeld();
+  regmatch_t m[4];
+  if (!matchLine(text, length, m)) return true;
+  if (linePattern.re_nsub < 2) {
+    ZELTA_TRACE_AS("loadFromFile");
+    return false;
+  }
+  const std::string_view key = slotText(text, m[1]);
+  const std::string_view value = slotText(text, m[2]);
+  if (!splitKey(key)) {
+    log.append(WARNING, "ParamManager: - skip invalid key '%s'\n", std::string(key).c_str());
+    return true;
+  }
+  // The lines of a table come one after the other: its parameter is looked
+  // up once.
+  if (lastParam == nullptr || stemView != stem) {
+    stem.assign(stemView);
+    auto it = params.find(stem);
+    lastParam = it == params.end() ? nullptr : it->second;
+    if (lastParam == nullptr) {
+      // Files may hold parameters the program no longer defines.
+      ZELTA_TRACE_AS("loadFromFile");
+      return true;
+    }
+  }
+  Param* param = lastParam;
+  log.append(VERBOSE, "ParamManager: - stem %s, type: [%d]\n", stem.c_str(), static_cast<int>(param->getType()));
+  if (param->getType() == TABLE) {
+    if (!setTableRow(value, param)) log.append(WARNING, "ParamManager: - cannot read table row '%s'!\n", stem.c_str());
+  } else if (!setScalar(value, param)) {
+    log.append(WARNING, "ParamManager: - cannot read scalar '%s'!\n", stem.c_str());
+  }
+  return true;
+}
+
+// "name.1.2": the registry key before the first dot, then one index component
+// per further dot-separated part, each read as an unsigned 32-bit number. The
+// parts are those of Common::split: a dot at the very end adds no part.
+bool GroupFileReader::splitKey(std::string_view key) {
+  index.clear();
+  size_t dot = key.find('.');
+  if (dot == std::string_view::npos || dot + 1 == key.size()) return false;
+  stemView = key.substr(0, dot);
+  while (dot != std::string_view::npos && dot + 1 < key.size()) {
+    const size_t start = dot + 1;
+    dot = key.find('.', start);
+    const size_t end = dot == std::string_view::npos ? key.size() : dot;
+    index.push_back(Common::parseUnsigned32(key.data() + start, end - start));
+  }
+  return true;
+}
+
+bool GroupFileReader::splitTriplet(std::string_view text, size_t& next, unsigned int& column, int& type,
+                                   std::string_view& value) {
+  regmatch_t m[4];
+  if (!matchTriplet(text, m) || tripletPattern.re_nsub != 3) return false;
+  // Column and type are digits only; read as `stream >> unsigned int` and
+  // `toNumber<int>` read them, they saturate.
+  column = digitsValue(text.data() + m[1].rm_so, text.data() + m[1].rm_eo, UINT32_MAX);
+  type = static_cast<int>(digitsValue(text.data() + m[2].rm_so, text.data() + m[2].rm_eo, INT32_MAX));
+  value = slotText(text.data(), m[3]);
+  // The triplet and the one blank after it are consumed.
+  next = static_cast<size_t>(m[3].rm_eo) + 1;
+  return true;
+}
+
+bool GroupFileReader::setScalar(std::string_view value, Param* param) {
+  size_t next = 0;
+  unsigned int column = 0;
+  int type = 0;
+  std::string_view text;
+  if (!splitTriplet(value, next, column, type, text)) {
+    log.append(DEBUG, "ParamManager: setScalar(): cannot split triplet '%s'\n", std::string(value).c_str());
+    return false;
+  }
+  const ValueType paramType = param->getType();
+  if (!readsAs(type, paramType)) {
+    log.append(DEBUG, "ParamManager: setScalar(): triplet type %d != Param type %d for var '%s'\n", type,
+               static_cast<int>(paramType), param->getName().c_str());
+    return false;
+  }
+  const ValueCodec* codec = ValueCodec::of(paramType);
+  if (codec == nullptr) {
+    ZELTA_TRACE();
+    return true;
+  }
+  Variant loaded = codec->parseFileValue(text, false);
+  return loaded.getType() != VariantType::UNDEFINED && param->loadScalar(std::move(loaded));
+}
+
+bool GroupFileReader::setTableRow(std::string_view value, Param* param) {
+  Table* table = param->getValue().getMutableTable();
+  TableDef* def = table->getDef();
+  // A table without definition has no typed columns, and an index of the
+  // wrong length would break the row arithmetic of the table.
+  if (def == nullptr || (def->numIdx >= 0 && index.size() != static_cast<size_t>(def->numIdx))) return false;
+  bool created = false;
+  TableRow& row = table->openRow(index, created);
+  const bool read = readCells(value, *def, row, *param);
+  // A new row gets the defaults of the cells the line leaves out, whatever
+  // comes of the line: what addOrUpdateRow would have given it, without
+  // making defaults that the line then replaces.
+  if (created) table->completeRow(row);
+  if (read) param->publishRow(index, row);
+  return read;
+}
+
+bool GroupFileReader::readCells(std::string_view value, const TableDef& def, TableRow& row, const Param& param) {
+  size_t next = 0;
+  unsigned int column = 0;
+  int type = 0;
+  std::string_view text;
+  while (splitTriplet(value, next, column, type, text)) {
+    auto field = def.fields.find(column);
+    if (column == def.rowStatusColumn || field == def.fields.end()) {
+      log.append(WARNING,
+                 "ParamManager: setTableRow(): column %d is not a valid field or it's a special one (e.g. "
+                 "rowStatus)!\n",
+                 static_cast<int>(column));
+    } else {
+      const ValueType columnType = field->second.type;
+      if (!readsAs(type, columnType)) {
+        log.append(DEBUG, "ParamManager: setTableRow(): triplet type %d != Param type %d for var '%s'\n", type,
+                   static_cast<int>(columnType), param.getName().c_str());
+        return false;
+      }
+      if (const ValueCodec* codec = ValueCodec::of(columnType)) {
+        Variant cell = codec->parseFileValue(text, true);
+        if (cell.getType() == VariantType::UNDEFINED) return false;
+        storeCell(row, column, std::move(cell));
+      } else {
+        ZELTA_TRACE_AS("setTableRow");
+      }
+    }
+    if (next >= value.size()) break;
+    value.remove_prefix(next);
+  }
+  return true;
+}
+
+// ---- Writing
+
+bool appendScalarLine(std::string& out, const std::string& name, ValueType type, const Variant& value) {
+  const ValueCodec* codec = ValueCodec::of(type);
+  if (codec == nullptr) {
+    Log["libzelta"].append(WARNING, "Param: saveScalar(): skip unknown type '%d'\n", static_cast<int>(type));
+    return false;
+  }
+  out += name;
+  out += ".0 = 0:";
+  Common::appendNumber(out, static_cast<unsigned long>(codec->fileType()));
+  out += ':';
+  codec->appendFileValue(out, value);
+  out += '\n';
+  return true;
+}
+
+void appendRowTriplets(std::string& out, TableDef* def, const TableRow& row) {
+  for (const auto& [column, cell] : row) {
+    // The plus one is deliberate: existing files were written this way, and a
+    // value column right before the RowStatus column is never stored.
+    if (def == nullptr || Param::isSpecialColumn(def, column + 1)) {
+      ZELTA_TRACE_AS("flattenTableRow");
+      continue;
+    }
+    auto field = def->fields.find(column);
+    const ValueCodec* codec = field == def->fields.end() ? nullptr : ValueCodec::of(field->second.type);
+    // A column type without a file form is a programming error of the host.
+    ZELTA_ASSERT(codec != nullptr, "false");
+    Common::appendNumber(out, column);
+    out += ':';
+    Common::appendNumber(out, static_cast<unsigned long>(codec->fileType()));
+    out += ':';
+    codec->appendFileValue(out, cell);
+    out += ' ';
+  }
+}
+
+void appendTableLines(std::string& out, const std::string& name, const Table& table, const std::vector<bool>* keep) {
+  size_t position = 0;
+  for (const auto& [index, row] : table.getRows()) {
+    if (keep != nullptr && !(*keep)[position++]) continue;
+    out += name;
+    // The index as Common::flatten writes it.
+    for (unsigned long component : index) {
+      out += '.';
+      Common::appendNumber(out, component);
+    }
+    out += " = ";
+    appendRowTriplets(out, table.getDef(), row);
+    out += '\n';
+  }
+}
+
+}  // namespace Quorvel::Kvan::groupfile

@@ -1,0 +1,285 @@
+// Param: a named, typed value with hooks, and its SNMP object.
+#include "zelta/param.h"
+
+#include <memory>
+
+#include "params/groupfile.h"
+#include "base/liblock.h"
+#include "base/trace.h"
+#include "values/valuecodec.h"
+#include "zelta/logging.h"
+
+namespace Quorvel::Kvan {
+
+Param::Param(ParamGroup& paramGroup, ValueType paramType, Variant initial, SNMP::SNMPInfo* info, ParamSavePolicy policy,
+             Range paramRange)
+    : group(&paramGroup), snmpInfo(info), type(paramType), savePolicy(policy), range(paramRange) {
+  fillValue(initial);
+  if (isSnmpEntry()) fillSnmpInfo();
+  group->addOwnedParam(this);
+}
+
+Param::Param(ParamGroup& paramGroup, ValueType paramType, SNMP::SNMPInfo* info, ParamSavePolicy policy,
+             Range paramRange)
+    : group(&paramGroup), snmpInfo(info), type(paramType), savePolicy(policy), range(paramRange) {
+  fillWithDefaultValue();
+  if (isSnmpEntry()) fillSnmpInfo();
+  group->addOwnedParam(this);
+}
+
+Param::~Param() = default;
+
+void Param::fillValue(const Variant& initial) {
+  value = initial;
+  value.setListener(this);
+}
+
+void Param::fillWithDefaultValue() {
+  if (type == TABLE) {
+    value = Variant(Table(nullptr));
+  } else if (const ValueCodec* codec = ValueCodec::of(type)) {
+    value = codec->defaultValue();
+  }  // any other number: no default, the value stays UNDEFINED
+  value.setListener(this);
+}
+
+void Param::fillSnmpInfo() {
+  using namespace SNMP;
+  const bool ranged = range.first != NO_RANGE && range.second != NO_RANGE;
+  std::unique_ptr<MibEntry> entry;
+  switch (type) {
+    case INTEGER:
+      if (ranged) {
+        entry = std::make_unique<MinMaxIntMibLeaf>(snmpInfo, &value, static_cast<int>(range.first),
+                                                   static_cast<int>(range.second));
+      } else {
+        entry = std::make_unique<IntMibLeaf>(snmpInfo, &value);
+      }
+      break;
+    case STRING:
+      if (ranged) {
+        entry = std::make_unique<MinMaxStringMibLeaf>(snmpInfo, &value, static_cast<unsigned int>(range.first),
+                                                      static_cast<unsigned int>(range.second));
+      } else {
+        entry = std::make_unique<StringMibLeaf>(snmpInfo, &value);
+      }
+      break;
+    case IPADDRESS:
+      entry = std::make_unique<IPAddressMibLeaf>(snmpInfo, &value);
+      break;
+    case TIMETICKS:
+      entry = std::make_unique<TimeTicksMibLeaf>(snmpInfo, &value);
+      break;
+    case LOGADDRMAIN:
+      entry = std::make_unique<LogaddrmainMibLeaf>(snmpInfo, &value);
+      break;
+    case TABLE:
+      entry = std::make_unique<DynMibTable>(snmpInfo, &value);
+      break;
+    default:
+      return;
+  }
+  snmpInfo->setEntry(entry.release());
+}
+
+void Param::setName(const std::string& newName) {
+  LibraryLockGuard lock(libraryMutex());
+  name = newName;
+}
+
+std::string Param::getName() const {
+  LibraryLockGuard lock(libraryMutex());
+  return name;
+}
+
+Variant Param::getValueCopy() const {
+  LibraryLockGuard lock(libraryMutex());
+  return Variant(value);
+}
+
+void Param::setValue(const int& v) { setValue(Variant(v)); }
+void Param::setValue(const long& v) { setValue(Variant(v)); }
+void Param::setValue(TimeTicksValue& v) { setValue(Variant(v)); }
+void Param::setValue(const unsigned char (&v)[8]) { setValue(Variant(&v[0])); }
+void Param::setValue(const char* v) { setValue(Variant(v)); }
+void Param::setValue(std::string& v) { setValue(Variant(v)); }
+void Param::setValue(const Table& v) { setValue(Variant(v)); }
+
+void Param::setValue(const Variant& v) {
+  LibraryLockGuard lock(libraryMutex());
+  // A table is copied into the Table object the parameter already holds: a
+  // published table's SNMP side keeps pointing at that object.
+  if (&v != &value && value.getType() == VariantType::TABLEDEF && v.getType() == VariantType::TABLEDEF) {
+    *value.getMutableTable() = v.getTable();
+    // The agent serves, and the next save writes, exactly the new rows.
+    if (auto* snmpTable = snmpEntryAs<SNMP::DynMibTable>()) snmpTable->reloadFromTable();
+    return;
+  }
+  value = v;
+}
+
+void Param::setValidator(const std::function<bool(const Variant&, const ExtraInfo*)>&& fn) {
+  LibraryLockGuard lock(libraryMutex());
+  validator = fn;
+}
+
+void Param::setFiller(const std::function<bool(Variant&, const ExtraInfo*)>&& fn) {
+  LibraryLockGuard lock(libraryMutex());
+  filler = fn;
+}
+
+void Param::addPostSet(const std::function<void(const Variant&, const ExtraInfo*)>&& hook) {
+  LibraryLockGuard lock(libraryMutex());
+  postSets.push_back(hook);
+}
+
+bool Param::fill(Variant& v, const ExtraInfo* info) {
+  LibraryLockGuard lock(libraryMutex());
+  return filler ? filler(v, info) : true;
+}
+
+bool Param::validate(const Variant& v, const ExtraInfo* info) {
+  LibraryLockGuard lock(libraryMutex());
+  return validator ? validator(v, info) : true;
+}
+
+void Param::onChange(const std::string& reason, const ExtraInfo* info) { notifyAll(reason, info); }
+
+void Param::notifyAll(const std::string& reason, const ExtraInfo* info) {
+  // This parameter owns `info` from here on, whatever a hook does.
+  std::unique_ptr<const ExtraInfo> owned(info);
+  LibraryLockGuard lock(libraryMutex());
+  const bool active = group->isActive();
+  // Row creation and deletion alone do not schedule a save: a deletion is
+  // preceded by a deactivation, which does.
+  const bool savesTable = type != TABLE || (info != nullptr && info->action >= 3 && info->action <= 5);
+  if (savePolicy == SAVE_ON_CHANGE && active && savesTable) group->onChange(this, reason, info);
+  if (active) {
+    for (auto& hook : postSets) hook(value, info);
+  }
+}
+
+bool Param::setTableCellValue(const RowIdx& idx, const unsigned int& column, const Variant& v) {
+  if (type != TABLE) return false;
+  const VariantType kind = v.getType();
+  if (kind != VariantType::LONG && kind != VariantType::TIMETICKS && kind != VariantType::STRING &&
+      kind != VariantType::LOGADDRMAIN) {
+    ZELTA_TRACE();
+    return false;
+  }
+  LibraryLockGuard lock(libraryMutex());
+  // The table's answer is deliberately not looked at: the SNMP side is
+  // mirrored whatever the table accepted.
+  value.getMutableTable()->setCellValue(idx, column, v);
+  if (SNMP::DynMibTable* snmpTable = snmpEntryAs<SNMP::DynMibTable>()) {
+    if (kind == VariantType::STRING)
+      snmpTable->setCellValue(idx, column, v.getString());
+    else if (kind == VariantType::LOGADDRMAIN)
+      snmpTable->setCellValue(idx, column, Common::logaddrMainToString(v.getLogaddrMain()));
+    else
+      snmpTable->setCellValue(idx, column,
+                              kind == VariantType::LONG ? v.getLong() : static_cast<long>(v.getTimeTicks().value));
+  }
+  return true;
+}
+
+bool Param::getTableCellValue(const RowIdx& idx, const unsigned int& column, Variant& out) {
+  if (type != TABLE) {
+    ZELTA_TRACE();
+    return false;
+  }
+  LibraryLockGuard lock(libraryMutex());
+  TableRow row;
+  if (!value.getMutableTable()->getRow(idx, row)) {
+    ZELTA_TRACE();
+    return false;
+  }
+  auto cell = row.find(column);
+  if (cell == row.end()) {
+    ZELTA_TRACE();
+    return false;
+  }
+  out = cell->second;
+  return true;
+}
+
+bool Param::loadScalar(Variant&& loaded) {
+  libraryMutex().assertHeld();
+  // A value of another kind than the one held (a host that gave the
+  // constructor a value of another type) is refused, not asserted.
+  if (value.getType() != VariantType::UNDEFINED && value.getType() != loaded.getType()) return false;
+  value = std::move(loaded);
+  return true;
+}
+
+void Param::publishRow(const RowIdx& index, const TableRow& row) {
+  if (auto* snmpTable = snmpEntryAs<SNMP::DynMibTable>()) snmpTable->loadRow(index, row);
+}
+
+// ---- Group-file text
+
+void Param::save(FILE* file) {
+  const std::string text = toFileText();
+  if (!text.empty()) fputs(text.c_str(), file);
+}
+
+void Param::saveScalar(FILE* file) {
+  std::string text;
+  {
+    LibraryLockGuard lock(libraryMutex());
+    groupfile::appendScalarLine(text, name, type, value);
+  }
+  if (!text.empty()) fputs(text.c_str(), file);
+}
+
+void Param::saveTable(FILE* file) {
+  std::string text;
+  {
+    LibraryLockGuard lock(libraryMutex());
+    appendTableText(text);
+  }
+  if (!text.empty()) fputs(text.c_str(), file);
+}
+
+std::string Param::toFileText() {
+  std::string text;
+  appendFileText(text);
+  return text;
+}
+
+void Param::appendFileText(std::string& out) {
+  LibraryLockGuard lock(libraryMutex());
+  if (savePolicy == NEVER_SAVE) return;
+  if (type == TABLE)
+    appendTableText(out);
+  else
+    groupfile::appendScalarLine(out, name, type, value);
+}
+
+// REQUIRES: library lock held (the rows and the agent's row states are read).
+void Param::appendTableText(std::string& out) {
+  libraryMutex().assertHeld();
+  const Table& table = *value.getMutableTable();
+  // Rows an SNMP manager has not activated yet are not kept.
+  if (auto* snmpTable = snmpEntryAs<SNMP::DynMibTable>()) {
+    const std::vector<bool> active = snmpTable->activeRowFlags(table);
+    groupfile::appendTableLines(out, name, table, &active);
+  } else {
+    groupfile::appendTableLines(out, name, table, nullptr);
+  }
+}
+
+std::string Param::flattenTableRow(TableDef* def, TableRow& row) {
+  std::string out;
+  groupfile::appendRowTriplets(out, def, row);
+  return out;
+}
+
+bool Param::isSpecialColumn(TableDef* def, unsigned int column) {
+  for (unsigned long index : def->indexColumns) {
+    if (index == column) return true;
+  }
+  return column == def->rowStatusColumn;
+}
+
+}  // namespace Quorvel::Kvan

@@ -1,0 +1,59 @@
+// ParamManager: the registry of parameters and the reader of group files.
+#include "zelta/parammanager.h"
+
+#include "params/groupfile.h"
+#include "zelta/logging.h"
+
+namespace Quorvel::Kvan {
+
+ParamManager::ParamManager() {
+  int cfg = regcomp(&cfgRe, groupfile::kLinePattern, REG_EXTENDED | REG_NEWLINE);
+  ZELTA_ASSERT(cfg == 0, "regcomp(&cfgRe, cfgPattern, REG_EXTENDED | REG_NEWLINE) == 0");
+  int trp = regcomp(&trpRe, groupfile::kTripletPattern, REG_EXTENDED | REG_NEWLINE);
+  ZELTA_ASSERT(trp == 0, "regcomp(&trpRe, trpPattern, REG_EXTENDED | REG_NEWLINE) == 0");
+}
+
+ParamManager::~ParamManager() {
+  regfree(&cfgRe);
+  regfree(&trpRe);
+}
+
+bool ParamManager::add(std::string key, Param* param) {
+  ZELTA_ASSERT(key.size() > 0, "key.size() > 0");
+  ZELTA_ASSERT(param != nullptr, "param != __null");
+  ZELTA_ASSERT(params.find(key) == params.end(), "params.find(key) == params.end()");
+  if (key.find('_') != std::string::npos) Log["libzelta"].append(WARNING, "ParamManager: key contains underscores!\n");
+  params[key] = param;
+  param->setName(key);
+  groups.insert(param->getGroup());
+  return true;
+}
+
+Param*& ParamManager::operator[](std::string key) {
+  ZELTA_ASSERT(key.size() > 0, "key.size() > 0");
+  auto it = params.find(key);
+  ZELTA_ASSERT(it != params.end(), "params.find(key) != params.end()");
+  // The host may have cleared the stored pointer through the returned
+  // reference: the name is checked only on a pointer that is there.
+  ZELTA_ASSERT(it->second == nullptr || it->second->getName() == key, "params[key]->getName() == key");
+  ZELTA_ASSERT(it->second != nullptr, "params[key] != __null");
+  return it->second;
+}
+
+void ParamManager::loadAllGroups() {
+  for (ParamGroup* group : groups) loadGroup(*group);
+}
+
+void ParamManager::loadGroup(ParamGroup& group) {
+  group.setActiveMode(false);
+  loadFromFile(group.getFilePath());
+  group.setActiveMode(true);
+}
+
+void ParamManager::saveAllGroups() {
+  for (ParamGroup* group : groups) group->save();
+}
+
+void ParamManager::loadFromFile(std::string path) { groupfile::GroupFileReader(cfgRe, trpRe, params).load(path); }
+
+}  // namespace Quorvel::Kvan

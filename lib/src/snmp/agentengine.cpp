@@ -1,0 +1,406 @@
+// The Net-SNMP agent (master or AgentX subagent): in-code configuration, the
+// request loop and a shut-down that leaves the process ready for another start.
+#include "snmp/snmpinternal.h"
+
+#include <fcntl.h>
+#include <ftw.h>
+#include <sys/select.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <clocale>
+#include <cstdio>
+#include <cstring>
+
+#include "snmp/agentengine.h"
+#include "snmp/agentxlink.h"
+#include "base/liblock.h"
+#include "base/ratelimit.h"
+#include "snmp/scalarindex.h"
+#include "zelta/logging.h"
+#include "zelta/mibtypes.h"
+
+// Standard MIB groups of libnetsnmpmibs; their headers are not installed.
+extern "C" {
+void init_snmp_mib(void);
+void init_snmpTargetAddrEntry(void);
+void init_snmpTargetParamsEntry(void);
+void init_target_counters(void);
+void init_snmpNotifyTable(void);
+void init_snmpNotifyFilterProfileTable(void);
+void init_snmpNotifyFilterTable(void);
+void init_system_mib(void);
+void init_sysORTable(void);
+}
+
+namespace Quorvel::Kvan::SNMP {
+
+namespace {
+
+const char kAppName[] = "libzelta";
+
+// The initialised engine, if any; guarded by agentLock().
+AgentEngine* activeEngine = nullptr;
+
+// Net-SNMP logs a line for every malformed datagram: alike lines are limited
+// to a few per minute, and what was held back is summed up once a minute.
+struct NetSnmpLogLimit {
+  std::mutex mutex;
+  LogRateLimiter limiter{5, std::chrono::minutes(1)};
+};
+
+NetSnmpLogLimit& netSnmpLogLimit() {
+  static auto* limit = new NetSnmpLogLimit();  // never destroyed: logging may outlive statics
+  return *limit;
+}
+
+// Logs the summaries that are due at `now`.
+void logSuppressedLines(LogRateLimiter::Clock::time_point now) {
+  std::vector<LogRateLimiter::Summary> due;
+  {
+    NetSnmpLogLimit& limit = netSnmpLogLimit();
+    std::lock_guard<std::mutex> lock(limit.mutex);
+    due = limit.limiter.takeDue(now);
+  }
+  const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(netSnmpLogLimit().limiter.window()).count();
+  for (const auto& summary : due)
+    Log["libzelta"].append(static_cast<EventType>(summary.level),
+                           "Net-SNMP: %u more lines like \"%s\" in the last %lld s were not logged\n",
+                           summary.suppressed, summary.kind.c_str(), static_cast<long long>(seconds));
+}
+
+// Net-SNMP's log messages go to our channel at the matching level.
+int logCallback(int /*major*/, int /*minor*/, void* serverarg, void* /*clientarg*/) {
+  const auto* message = static_cast<const snmp_log_message*>(serverarg);
+  if (message == nullptr || message->msg == nullptr) return 0;
+  EventType level = DEBUG;
+  if (message->priority <= LOG_ERR)
+    level = ERROR;
+  else if (message->priority == LOG_WARNING)
+    level = WARNING;
+  else if (message->priority <= LOG_INFO)
+    level = INFO;
+  // Lines the channel drops anyway cost no more than the level check.
+  if (level > Log["libzelta"].level.load(std::memory_order_relaxed)) return 0;
+  if (agentx::isSessionLine(message->msg)) return 0;
+  {
+    NetSnmpLogLimit& limit = netSnmpLogLimit();
+    std::lock_guard<std::mutex> lock(limit.mutex);
+    if (!limit.limiter.admit(message->msg, level, LogRateLimiter::Clock::now())) return 0;
+  }
+  size_t len = strlen(message->msg);
+  bool newline = len > 0 && message->msg[len - 1] == '\n';
+  Log["libzelta"].append(level, "Net-SNMP: %s%s", message->msg, newline ? "" : "\n");
+  return 0;
+}
+
+void installLogging() {
+  snmp_register_callback(SNMP_CALLBACK_LIBRARY, SNMP_CALLBACK_LOGGING, logCallback, nullptr);
+  netsnmp_register_loghandler(NETSNMP_LOGHANDLER_CALLBACK, LOG_DEBUG);
+}
+
+// Hands one configuration line to Net-SNMP as if read from a file; it is
+// applied by init_snmp.
+void remember(const std::string& line) {
+  std::vector<char> buf(line.begin(), line.end());
+  buf.push_back('\0');
+  netsnmp_config_remember(buf.data());
+}
+
+// A configuration word: quoted when it holds blanks. Texts with quotes or
+// line ends cannot be written as one word and are refused.
+bool configWord(const std::string& text, std::string& out) {
+  if (text.empty() || text.find_first_of("\"\r\n") != std::string::npos) return false;
+  out = text.find_first_of(" \t") == std::string::npos ? text : "\"" + text + "\"";
+  return true;
+}
+
+void rememberConfig(const AgentConfig& config) {
+  // No MIB file is parsed: the agent needs none, and parsing costs start-up
+  // time and file reads.
+  remember("mibs :");
+  // A subagent's managers talk to the master, which checks who they are.
+  if (config.isSubagent()) return;
+  std::string word;
+  // The community lines accept every source that can reach the socket; the
+  // listen address is what limits who can.
+  if (configWord(config.roCommunity, word))
+    remember("rocommunity " + word + " default");
+  else if (!config.roCommunity.empty())
+    Log["libzelta"].append(WARNING, "AgentEngine: read-only community ignored: it holds quotes or line ends\n");
+  if (configWord(config.rwCommunity, word))
+    remember("rwcommunity " + word + " default");
+  else if (!config.rwCommunity.empty())
+    Log["libzelta"].append(WARNING, "AgentEngine: read-write community ignored: it holds quotes or line ends\n");
+
+  std::string user, auth, priv;
+  if (!config.v3User.empty()) {
+    if (configWord(config.v3User, user) && configWord(config.v3AuthPass, auth)) {
+      if (!config.v3PrivPass.empty() && configWord(config.v3PrivPass, priv)) {
+        remember("createUser " + user + " SHA " + auth + " AES " + priv);
+        remember("rwuser " + user + " priv");
+      } else {
+        remember("createUser " + user + " SHA " + auth);
+        remember("rwuser " + user + " auth");
+      }
+    } else {
+      Log["libzelta"].append(WARNING,
+                             "AgentEngine: SNMPv3 user ignored: it needs a name and an authentication "
+                             "passphrase without quotes or line ends\n");
+    }
+  }
+  if (configWord(config.engineId, word)) remember("engineID " + word);
+
+  if (config.systemGroup) {
+    const std::pair<const char*, const std::string*> texts[] = {{"sysdescr", &config.sysDescr},
+                                                                {"sysname", &config.sysName},
+                                                                {"syscontact", &config.sysContact},
+                                                                {"syslocation", &config.sysLocation}};
+    for (const auto& [token, text] : texts)
+      if (!text->empty() && text->find_first_of("\r\n") == std::string::npos)
+        remember(std::string(token) + " " + *text);
+  }
+}
+
+void setOptions(const AgentConfig& config, const std::string& persistentDir) {
+  // Nothing is read from /etc/snmp or ~/.snmp, and no state is written.
+  netsnmp_ds_set_boolean(NETSNMP_DS_LIBRARY_ID, NETSNMP_DS_LIB_DONT_READ_CONFIGS, 1);
+  netsnmp_ds_set_boolean(NETSNMP_DS_LIBRARY_ID, NETSNMP_DS_LIB_DONT_PERSIST_STATE, 1);
+  netsnmp_ds_set_boolean(NETSNMP_DS_LIBRARY_ID, NETSNMP_DS_LIB_DISABLE_PERSISTENT_LOAD, 1);
+  netsnmp_ds_set_boolean(NETSNMP_DS_LIBRARY_ID, NETSNMP_DS_LIB_DISABLE_PERSISTENT_SAVE, 1);
+  netsnmp_ds_set_string(NETSNMP_DS_LIBRARY_ID, NETSNMP_DS_LIB_PERSISTENT_DIR, persistentDir.c_str());
+  netsnmp_ds_set_string(NETSNMP_DS_LIBRARY_ID, NETSNMP_DS_LIB_CONFIGURATION_DIR, persistentDir.c_str());
+  // MIB directories are scanned even when no MIB is loaded; point the scan
+  // at a directory of ours.
+  netsnmp_ds_set_string(NETSNMP_DS_LIBRARY_ID, NETSNMP_DS_LIB_MIBDIRS, persistentDir.c_str());
+  // Alarms (the AgentX ping among them) run from the request loop, not
+  // from a SIGALRM handler in whichever host thread the signal meets.
+  netsnmp_ds_set_boolean(NETSNMP_DS_LIBRARY_ID, NETSNMP_DS_LIB_ALARM_DONT_USE_SIG, 1);
+  // Either role, without AgentX master socket, embedded Perl or connection
+  // log.
+  agentx::setOptions(config);
+  netsnmp_ds_set_boolean(NETSNMP_DS_APPLICATION_ID, NETSNMP_DS_AGENT_AGENTX_MASTER, 0);
+  netsnmp_ds_set_boolean(NETSNMP_DS_APPLICATION_ID, NETSNMP_DS_AGENT_DISABLE_PERL, 1);
+  netsnmp_ds_set_boolean(NETSNMP_DS_APPLICATION_ID, NETSNMP_DS_AGENT_DONT_LOG_TCPWRAPPERS_CONNECTS, 1);
+  if (config.isSubagent()) return;
+  std::string endpoint = "udp:";
+  if (!config.listenAddress.empty()) endpoint += config.listenAddress + ":";
+  endpoint += std::to_string(config.port);
+  netsnmp_ds_set_string(NETSNMP_DS_APPLICATION_ID, NETSNMP_DS_AGENT_PORTS, endpoint.c_str());
+}
+
+void initStandardGroups(bool systemGroup) {
+  init_snmp_mib();
+  init_snmpTargetAddrEntry();
+  init_snmpTargetParamsEntry();
+  init_target_counters();
+  init_snmpNotifyTable();
+  init_snmpNotifyFilterProfileTable();
+  init_snmpNotifyFilterTable();
+  if (systemGroup) {
+    init_system_mib();
+    init_sysORTable();
+  }
+}
+
+int removeOne(const char* path, const struct stat* /*sb*/, int /*flag*/, struct FTW* /*ftw*/) {
+  ::remove(path);
+  return 0;
+}
+
+}  // namespace
+
+std::recursive_mutex& agentLock() { return libraryLock(); }
+
+AgentEngine::AgentEngine() : scalars(std::make_unique<ScalarIndex>()) {
+  // The wake-up pipe lives as long as the engine, so wakeUp() never races a
+  // shut-down.
+  if (pipe2(wakePipe, O_CLOEXEC | O_NONBLOCK) != 0) wakePipe[0] = wakePipe[1] = -1;
+}
+
+AgentEngine::~AgentEngine() {
+  shutdown();
+  for (int& fd : wakePipe) {
+    if (fd >= 0) close(fd);
+    fd = -1;
+  }
+}
+
+bool AgentEngine::initialize(const AgentConfig& config, const std::vector<MibEntry*>& entries,
+                             const std::vector<const std::string*>* keys) {
+  std::lock_guard lock(agentLock());
+  if (initialized || activeEngine != nullptr) {
+    Log["libzelta"].append(WARNING, "AgentEngine: an SNMP agent already runs in this process, not starting another\n");
+    return false;
+  }
+  activeEngine = this;
+  initialized = true;
+
+  std::string persistentDir = config.persistentDir;
+  if (persistentDir.empty()) {
+    char pattern[] = "/tmp/zelta-snmp-XXXXXX";
+    if (mkdtemp(pattern) == nullptr) {
+      Log["libzelta"].append(ERROR, "AgentEngine: cannot create a state directory: %s\n", strerror(errno));
+      initialized = false;
+      activeEngine = nullptr;
+      return false;
+    }
+    ownedTempDir = pattern;
+    persistentDir = ownedTempDir;
+  }
+  installLogging();
+  setOptions(config, persistentDir);
+  char noSmux[] = "-smux";
+  add_to_init_list(noSmux);
+  rememberConfig(config);
+
+  if (init_agent(kAppName) != 0) {
+    Log["libzelta"].append(ERROR, "AgentEngine: Net-SNMP agent initialisation failed\n");
+    cleanUp_nolock();
+    return false;
+  }
+  // A subagent's master serves the standard groups.
+  if (!config.isSubagent()) initStandardGroups(config.systemGroup);
+  // Tables and other objects first: the scalar index then knows what lies
+  // between its scalars.
+  auto refuse = [&](size_t position, const MibEntry* entry) {
+    const std::string* key = keys != nullptr && position < keys->size() ? (*keys)[position] : nullptr;
+    if (key != nullptr)
+      Log["libzelta"].append(ERROR, "AgentEngine: cannot publish '%s' at .%s\n", key->c_str(), entry->getOid().c_str());
+    else
+      Log["libzelta"].append(ERROR, "AgentEngine: cannot publish .%s\n", entry->getOid().c_str());
+  };
+  std::vector<MibLeaf*> leaves;
+  std::vector<size_t> leafPositions;
+  for (size_t i = 0; i < entries.size(); ++i) {
+    if (i + 8 < entries.size()) __builtin_prefetch(entries[i + 8]);
+    MibEntry* entry = entries[i];
+    if (entry == nullptr) continue;
+    if (auto* leaf = dynamic_cast<MibLeaf*>(entry)) {
+      leaves.push_back(leaf);
+      leafPositions.push_back(i);
+    } else if (entry->registerEntry()) {
+      registered.push_back(entry);
+    } else {
+      refuse(i, entry);
+    }
+  }
+  std::vector<size_t> refused;  // positions in `leaves`
+  scalars->build(leaves, refused);
+  registered.insert(registered.end(), scalars->begin(), scalars->end());
+  for (size_t position : refused) refuse(leafPositions[position], leaves[position]);
+
+  // init_snmp sets LC_CTYPE from the environment; the host's setting stays.
+  const char* current = setlocale(LC_CTYPE, nullptr);
+  std::string savedLocale = current != nullptr ? current : "C";
+  if (config.isSubagent()) agentx::watch(config);
+  init_snmp(kAppName);  // a subagent's first attempt to reach its master
+  setlocale(LC_CTYPE, savedLocale.c_str());
+  if (config.isSubagent()) agentx::started();
+
+  if (init_master_agent() != 0) {
+    Log["libzelta"].append(DEBUG, "AgentEngine: cannot open %s:%d\n",
+                           config.listenAddress.empty() ? "*" : config.listenAddress.c_str(), config.port);
+    cleanUp_nolock();
+    return false;
+  }
+  return true;
+}
+
+void AgentEngine::serveOnce(int maxSeconds) {
+  if (maxSeconds < 0) maxSeconds = 0;
+  netsnmp_large_fd_set fds;
+  netsnmp_large_fd_set_init(&fds, FD_SETSIZE);
+  int numfds = 0;
+  int block = 0;
+  struct timeval timeout = {maxSeconds, 0};
+  {
+    std::lock_guard lock(agentLock());
+    if (!initialized) {
+      netsnmp_large_fd_set_cleanup(&fds);
+      return;
+    }
+    snmp_select_info2(&numfds, &fds, &timeout, &block);
+    if (wakePipe[0] >= 0) {
+      NETSNMP_LARGE_FD_SET(wakePipe[0], &fds);
+      if (wakePipe[0] >= numfds) numfds = wakePipe[0] + 1;
+    }
+  }
+  if (block != 0 || timeout.tv_sec > maxSeconds) timeout = {maxSeconds, 0};
+
+  int count = select(numfds, fds.lfs_setptr, nullptr, nullptr, &timeout);
+  int selectErrno = errno;
+
+  std::lock_guard lock(agentLock());
+  if (initialized) {
+    if (count > 0) {
+      if (wakePipe[0] >= 0 && NETSNMP_LARGE_FD_ISSET(wakePipe[0], &fds)) {
+        char drain[64];
+        while (read(wakePipe[0], drain, sizeof drain) > 0) {
+        }
+      }
+      // Another thread may have read a session since (a subagent's
+      // exchange with its master when a host thread destroys a published
+      // object): on a stream a read that finds nothing counts as a lost
+      // connection, so only what is readable now is read.
+      struct timeval now = {0, 0};
+      if (select(numfds, fds.lfs_setptr, nullptr, nullptr, &now) > 0) snmp_read2(&fds);
+    } else if (count < 0 && selectErrno != EINTR) {
+      Log["libzelta"].append(WARNING, "AgentEngine: select failed: %s\n", strerror(selectErrno));
+    }
+    // Every turn, not only an idle one: under steady requests the attempts
+    // of outstanding informs must still time out and be retried.
+    snmp_timeout();
+    run_alarms();
+    netsnmp_check_outstanding_agent_requests();
+  }
+  netsnmp_large_fd_set_cleanup(&fds);
+  logSuppressedLines(LogRateLimiter::Clock::now());
+}
+
+void AgentEngine::shutdown() {
+  {
+    std::lock_guard lock(agentLock());
+    if (initialized) cleanUp_nolock();
+  }
+  // What was held back is told now rather than never.
+  logSuppressedLines(LogRateLimiter::Clock::now() + netSnmpLogLimit().limiter.window());
+}
+
+void AgentEngine::wakeUp() {
+  if (wakePipe[1] >= 0) {
+    char byte = 1;
+    ssize_t ignored = write(wakePipe[1], &byte, 1);
+    (void)ignored;
+  }
+}
+
+void AgentEngine::cleanUp_nolock() {
+  // Entries first: their tables live in containers that shutdown_agent frees.
+  for (MibEntry* entry : registered) entry->unregisterEntry();
+  registered.clear();
+  scalars->clear();
+  agentx::unwatch();
+  snmp_shutdown(kAppName);
+  shutdown_master_agent();
+  shutdown_agent();
+  if (!ownedTempDir.empty()) {
+    nftw(ownedTempDir.c_str(), removeOne, 8, FTW_DEPTH | FTW_PHYS);
+    ownedTempDir.clear();
+  }
+  initialized = false;
+  activeEngine = nullptr;
+}
+
+bool AgentEngine::isConnectedToMaster() { return agentx::isConnected(); }
+
+void AgentEngine::forgetEntry_nolock(MibEntry* entry) {
+  if (activeEngine == nullptr) return;
+  auto& list = activeEngine->registered;
+  list.erase(std::remove(list.begin(), list.end(), entry), list.end());
+  if (auto* leaf = dynamic_cast<MibLeaf*>(entry)) activeEngine->scalars->forget(leaf);
+}
+
+}  // namespace Quorvel::Kvan::SNMP

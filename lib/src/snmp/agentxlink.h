@@ -1,0 +1,37 @@
+// The AgentX subagent role of the engine: Net-SNMP's options for it, and a
+// watch on the session to the master agent that logs each loss and each
+// return once, in place of Net-SNMP's own lines.
+//
+// Net-SNMP does the work: it registers every object with the master, pings
+// it, and after a loss tries again every ping interval, registering
+// everything anew. Everything here runs on the agent thread with the agent
+// lock held.
+#ifndef ZELTA_SRC_SNMP_AGENTXLINK_H_
+#define ZELTA_SRC_SNMP_AGENTXLINK_H_
+
+namespace Quorvel::Kvan::SNMP {
+
+struct AgentConfig;
+
+namespace agentx {
+
+// Default-store options of the role (or, for a master, the ones it must not
+// inherit from an earlier subagent start). Before init_agent.
+void setOptions(const AgentConfig& config);
+// Sets the ping interval and watches the session to the master. After
+// init_agent and before init_snmp, which makes the first attempt.
+void watch(const AgentConfig& config);
+// After init_snmp: tells once that the master is not there yet.
+void started();
+// Before snmp_shutdown: the session closes without a loss being told.
+void unwatch();
+// True while the master holds our registrations. Any thread; takes the
+// agent lock.
+bool isConnected();
+// Net-SNMP's own lines about the master session, which the watch replaces.
+bool isSessionLine(const char* message);
+
+}  // namespace agentx
+}  // namespace Quorvel::Kvan::SNMP
+
+#endif  // ZELTA_SRC_SNMP_AGENTXLINK_H_

@@ -1,0 +1,135 @@
+// The seven scalar leaves: the steps of a request on one scalar. The agent's
+// scalar index registers them and dispatches requests to them.
+#include "snmp/snmpinternal.h"
+
+#include <cstring>
+
+#include "snmp/agentengine.h"
+#include "values/valuecodec.h"
+#include "zelta/common.h"
+#include "zelta/logging.h"
+#include "zelta/mibtypes.h"
+
+namespace Quorvel::Kvan::SNMP {
+
+// ---- MibLeaf
+
+MibLeaf::MibLeaf(SNMPInfo* info, Variant* boundValue, ValueType valueType, const char* reasonText)
+    : MibEntry(info->getOid(), info->getAccess()), value(boundValue), type(valueType), reason(reasonText) {}
+
+MibLeaf::MibLeaf(SNMPInfo* info, Variant* boundValue, ValueType valueType, const char* reasonText, long min, long max)
+    : MibLeaf(info, boundValue, valueType, reasonText) {
+  bounded = true;
+  boundMin = min;
+  boundMax = max;
+}
+
+MibLeaf::~MibLeaf() {
+  if (isRegistered()) {
+    std::lock_guard lock(agentLock());
+    MibLeaf::unregisterEntry();
+    AgentEngine::forgetEntry_nolock(this);
+  }
+}
+
+void MibLeaf::setAccess(mib_access mode) { storeAccess(mode); }
+
+namespace {
+
+// Type, length and a string's length bounds, then the validator, then an
+// integer's range: 0 or the status of the first check that fails.
+int checkValue(ValueType type, bool bounded, long min, long max, Variant& value, const ::variable_list& vb) {
+  const ValueCodec* codec = ValueCodec::of(type);
+  const Bounds bounds = bounded ? Bounds::of(static_cast<uint32_t>(min), static_cast<uint32_t>(max)) : Bounds();
+  SnmpValue checked;
+  const int status = codec->checkSet(vb, bounds, checked);
+  if (status != SNMP_ERR_NOERROR) return status;
+  // A parameter the host declared with a value of another kind than its type
+  // cannot take a value of the type: the device's fault, refused rather than
+  // aborting the agent.
+  if (value.getType() != VariantType::UNDEFINED && !codec->fits(value)) return SNMP_ERR_GENERR;
+  // The validator sees out-of-range integers too.
+  const bool ok = value.callValidator(codec->fromSnmp(checked)) && codec->inRange(checked, bounds);
+  return ok ? SNMP_ERR_NOERROR : SNMP_ERR_WRONGVALUE;
+}
+
+}  // namespace
+
+int MibLeaf::check_set(const ::variable_list& vb) {
+  // Writability is checked per request, so that setAccess takes effect on
+  // the next one.
+  if (get_access() < READWRITE) return SNMP_ERR_NOTWRITABLE;
+  return checkValue(type, bounded, boundMin, boundMax, *value, vb);
+}
+
+bool MibLeaf::value_ok(const ::variable_list& vb) {
+  return checkValue(type, bounded, boundMin, boundMax, *value, vb) == SNMP_ERR_NOERROR;
+}
+
+int MibLeaf::set_value(const ::variable_list& vb) {
+  // A leaf made read-only after the checks ignores the write.
+  if (get_access() < READWRITE) return SNMP_ERR_NOERROR;
+  const ValueCodec* codec = ValueCodec::of(type);
+  SnmpValue checked;
+  if (codec->checkSet(vb, Bounds(), checked) != SNMP_ERR_NOERROR) return SNMP_ERR_WRONGTYPE;
+  *value = codec->fromSnmp(checked);
+  value->notifyListener(reason, nullptr);
+  return SNMP_ERR_NOERROR;
+}
+
+void MibLeaf::prefetchValue() const {
+  __builtin_prefetch(value);
+  __builtin_prefetch(value->getListener());
+}
+
+bool MibLeaf::get_request(netsnmp_agent_request_info_s* reqinfo, netsnmp_request_info_s* request) {
+  if (!value->callFiller(nullptr)) {
+    internal::setReadError(reqinfo, request, SNMP_ERR_RESOURCEUNAVAILABLE);
+    return false;
+  }
+  const ValueCodec* codec = ValueCodec::of(type);
+  SnmpValue answer;
+  // A parameter whose value is of another kind than its type answers its
+  // type's default rather than aborting the agent.
+  if (!codec->toSnmp(*value, answer)) codec->toSnmp(codec->defaultValue(), answer);
+  codec->answer(request->requestvb, answer);
+  return true;
+}
+
+// Leaves are registered by the agent's scalar index, a few registrations for
+// all of them; a leaf alone has nothing to register.
+bool MibLeaf::registerEntry() { return false; }
+
+void MibLeaf::unregisterEntry() { registration = nullptr; }
+
+// ---- The seven leaves: a value type, its reason text and its bounds.
+
+IntMibLeaf::IntMibLeaf(SNMPInfo* info, Variant* boundValue)
+    : MibLeaf(info, boundValue, INTEGER, "set value on int leaf") {}
+
+IntMibLeaf::IntMibLeaf(SNMPInfo* info, Variant* boundValue, int min, int max)
+    : MibLeaf(info, boundValue, INTEGER, "set value on int leaf", min, max) {}
+
+MinMaxIntMibLeaf::MinMaxIntMibLeaf(SNMPInfo* info, Variant* boundValue, int minValue, int maxValue)
+    : IntMibLeaf(info, boundValue, minValue, maxValue) {}
+
+TimeTicksMibLeaf::TimeTicksMibLeaf(SNMPInfo* info, Variant* boundValue)
+    : MibLeaf(info, boundValue, TIMETICKS, "set value on timeticks leaf") {}
+
+IPAddressMibLeaf::IPAddressMibLeaf(SNMPInfo* info, Variant* boundValue)
+    : MibLeaf(info, boundValue, IPADDRESS, "set value on ip address leaf") {}
+
+StringMibLeaf::StringMibLeaf(SNMPInfo* info, Variant* boundValue)
+    : MibLeaf(info, boundValue, STRING, "set value on string leaf") {}
+
+StringMibLeaf::StringMibLeaf(SNMPInfo* info, Variant* boundValue, unsigned int min, unsigned int max)
+    : MibLeaf(info, boundValue, STRING, "set value on string leaf", min, max) {}
+
+MinMaxStringMibLeaf::MinMaxStringMibLeaf(SNMPInfo* info, Variant* boundValue, unsigned int minLength,
+                                         unsigned int maxLength)
+    : StringMibLeaf(info, boundValue, minLength, maxLength) {}
+
+LogaddrmainMibLeaf::LogaddrmainMibLeaf(SNMPInfo* info, Variant* boundValue)
+    : MibLeaf(info, boundValue, LOGADDRMAIN, "set value on logaddr_main_t leaf") {}
+
+}  // namespace Quorvel::Kvan::SNMP

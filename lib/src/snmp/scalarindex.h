@@ -1,0 +1,83 @@
+// The published scalars of a running agent, in OID order, behind few
+// Net-SNMP registrations.
+//
+// Net-SNMP keeps its registrations in a list it walks linearly, so one
+// registration per scalar makes start-up quadratic and every lookup linear in
+// the number of scalars. Here the scalars share one registration per parent
+// OID (the scalar's OID without its last two sub-identifiers: the scalar
+// group), and one handler finds the scalar of a request by binary search.
+// What a manager sees stays as with one registration per scalar: GET of a
+// scalar, noSuchInstance below one, noSuchObject elsewhere; GETNEXT in OID
+// order, across other registrations in between; SET statuses alike.
+//
+// Thread safety: everything runs with the agent lock held (the handler takes
+// it); build() and clear() on the agent thread.
+#ifndef ZELTA_SRC_SNMP_SCALARINDEX_H_
+#define ZELTA_SRC_SNMP_SCALARINDEX_H_
+
+#include <cstddef>
+#include <cstdint>
+#include <vector>
+
+struct netsnmp_handler_registration_s;
+struct netsnmp_agent_request_info_s;
+struct netsnmp_request_info_s;
+
+namespace Quorvel::Kvan::SNMP {
+
+class MibLeaf;
+
+class ScalarIndex {
+ public:
+  ScalarIndex() = default;
+  ~ScalarIndex();
+  ScalarIndex(const ScalarIndex&) = delete;
+  ScalarIndex& operator=(const ScalarIndex&) = delete;
+
+  // Registers `candidates`, after every other registration of the agent.
+  // Leaves with an OID that is invalid or taken by an earlier leaf, or that
+  // Net-SNMP cannot route to us, are refused: their positions in
+  // `candidates` come back in `refused`. REQUIRES: agent lock held, the index
+  // empty.
+  void build(const std::vector<MibLeaf*>& candidates, std::vector<size_t>& refused);
+  // Unregisters everything. REQUIRES: agent lock held.
+  void clear();
+  // Drops a leaf that is being destroyed. REQUIRES: agent lock held.
+  void forget(MibLeaf* leaf);
+  size_t size() const { return leaves.size(); }
+  // The registered leaves, in OID order.
+  std::vector<MibLeaf*>::const_iterator begin() const { return leaves.begin(); }
+  std::vector<MibLeaf*>::const_iterator end() const { return leaves.end(); }
+
+  // The Net-SNMP handler of every registration; internal.
+  struct Handler;
+
+ private:
+  // Registers a handler at `root`; false when Net-SNMP refuses.
+  bool registerRoot(const unsigned long* root, size_t length);
+  // The leaf published at `name`, or null.
+  MibLeaf* find(const unsigned long* name, size_t length) const;
+  // The leaf whose OID is a prefix of `name`, or null.
+  MibLeaf* below(const unsigned long* name, size_t length) const;
+  // Asks memory early for what a GET of `requests` reads.
+  void prefetch(netsnmp_request_info_s* requests) const;
+  // Answers one GET or GETNEXT binding.
+  void get(netsnmp_agent_request_info_s* reqinfo, netsnmp_request_info_s* request) const;
+  void getNext(netsnmp_agent_request_info_s* reqinfo, netsnmp_request_info_s* request) const;
+
+  // An open-addressing table of the leaves by OID, for exact lookups.
+  struct Slot {
+    uint64_t hash = 0;
+    MibLeaf* leaf = nullptr;
+  };
+  static uint64_t hash(const unsigned long* name, size_t length);
+  void rehash();
+
+  std::vector<MibLeaf*> leaves;  // sorted by OID, for GETNEXT
+  std::vector<Slot> slots;       // twice as many as leaves, at least 16
+  std::vector<netsnmp_handler_registration_s*> roots;
+};
+
+}  // namespace Quorvel::Kvan::SNMP
+
+#endif  // ZELTA_SRC_SNMP_SCALARINDEX_H_

@@ -1,0 +1,105 @@
+// The rules of each value type in one place: its default, its group-file
+// text, its SNMP syntax and the checks a SET value must pass. Every part of
+// the library that converts a value goes through here.
+//
+// Thread safety: the codecs are immutable; they read and write only the
+// values they are given.
+#ifndef ZELTA_SRC_VALUES_VALUECODEC_H_
+#define ZELTA_SRC_VALUES_VALUECODEC_H_
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+#include "zelta/mibtypes.h"
+#include "zelta/tabledef.h"
+
+namespace Quorvel::Kvan {
+
+using SNMP::SnmpValue;
+
+// Bounds of a published object or column: value bounds of an INTEGER
+// (signed 32-bit values), length bounds of a STRING, kept as the 32 bits the
+// host gave. Unset when either end is NO_RANGE.
+struct Bounds {
+  Bounds() = default;
+  // From the unsigned fields of a range or a FieldType, NO_RANGE meaning none.
+  Bounds(unsigned long min, unsigned long max);
+  // Bounds that are set.
+  static Bounds of(uint32_t min, uint32_t max);
+
+  bool set = false;
+  uint32_t min = 0;
+  uint32_t max = 0;
+};
+
+// The rules of one scalar value type (every ValueType but TABLE).
+class ValueCodec {
+ public:
+  // The codec of `type`; null for TABLE and for numbers that are no type.
+  static const ValueCodec* of(ValueType type);
+
+  ValueType type() const { return type_; }
+  // The kind of Variant that holds values of this type.
+  VariantType kind() const;
+  Variant defaultValue() const;
+  // True when `v` holds a value of this type (an IPADDRESS is a STRING).
+  bool fits(const Variant& v) const { return v.getType() == kind(); }
+  // False for the types whose default is no real value (an address): a cell
+  // of a row created over SNMP must be set before its row can be active.
+  bool hasCellDefault() const { return type_ != IPADDRESS && type_ != LOGADDRMAIN; }
+
+  // ---- Group files
+  // The type number written before the value: a logical address is written
+  // as a type-4 string of its 8 bytes.
+  int fileType() const { return type_ == LOGADDRMAIN ? STRING : type_; }
+  // True when a triplet of type `written` may hold a value of this type.
+  bool readsFileType(int written) const { return written == type_ || written == fileType(); }
+  // Appends the value text of `v` (not the type).
+  void appendFileValue(std::string& out, const Variant& v) const;
+  // Reads the value text of a triplet, quotes included. TimeTicks read as an
+  // unsigned count when `cell` is false and as a signed long in a table cell,
+  // as files have always been read. UNDEFINED only for a logical address that
+  // is no valid 8-byte text.
+  Variant parseFileValue(std::string_view text, bool cell) const;
+
+  // ---- Host values
+  // A value of this type from a number or a text the host hands over for a
+  // table cell (the text of a logical address is its up to 8 characters).
+  // False when it cannot hold one.
+  bool fromNumber(long number, Variant& out) const;
+  bool fromText(const std::string& text, Variant& out) const;
+
+  // ---- SNMP
+  // The ASN.1 type on the wire.
+  unsigned char asnType() const;
+  // The SMIv2 syntax a MIB module gives it, with its bounds. A string's
+  // lengths stop at the longest value a leaf takes.
+  std::string smiSyntax(const Bounds& bounds) const;
+  // The same without bounds, as a SEQUENCE names it ("Integer32", "OCTET
+  // STRING"); also what a module imports for it, unless built into ASN.1.
+  const char* smiBaseType() const;
+  // The value of `v` as SNMP answers it. False when `v` is of another kind.
+  bool toSnmp(const Variant& v, SnmpValue& out) const;
+  Variant fromSnmp(const SnmpValue& value) const;
+  // A SET value's type and length, and a STRING's length bounds: 0, or
+  // wrongType / wrongLength. On success `out` holds the value.
+  int checkSet(const ::variable_list& vb, const Bounds& bounds, SnmpValue& out) const;
+  // An INTEGER's value bounds (other types always pass).
+  bool inRange(const SnmpValue& value, const Bounds& bounds) const;
+  // The bytes of `value` as a binding of this type holds them: a number as
+  // a long, the rest as they are.
+  std::string_view bindingBytes(const SnmpValue& value) const;
+  // Puts `value` into an answer binding.
+  void answer(::variable_list* vb, const SnmpValue& value) const;
+
+ private:
+  constexpr explicit ValueCodec(ValueType type) : type_(type) {}
+
+  ValueType type_;
+};
+
+}  // namespace Quorvel::Kvan
+
+#endif  // ZELTA_SRC_VALUES_VALUECODEC_H_
