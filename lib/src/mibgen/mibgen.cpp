@@ -18,7 +18,7 @@
 #include <vector>
 
 #include "base/atomicfile.h"
-#include "values/valuecodec.h"
+#include "snmp/snmpcodec.h"
 #include "zelta/mibgen.h"
 #include "zelta/mibtypes.h"
 #include "zelta/param.h"
@@ -238,7 +238,7 @@ struct Published {
   const MibEntry* entry;
 };
 
-const char* codecSyntaxCheck(const ValueCodec& codec, const Bounds& bounds) {
+const char* codecSyntaxCheck(const SnmpCodec& codec, const Bounds& bounds) {
   if (!bounds.set) return nullptr;
   if (codec.type() == INTEGER && static_cast<int32_t>(bounds.min) > static_cast<int32_t>(bounds.max))
     return "its range holds no value";
@@ -330,7 +330,7 @@ class Generator {
     if (const auto* leaf = dynamic_cast<const MibLeaf*>(entry)) {
       if (oid.size() < 2 || oid.back() != 0) fail(object.owner + ": a scalar's OID ends in .0");
       oid.pop_back();
-      const ValueCodec* codec = ValueCodec::of(leaf->getType());
+      const SnmpCodec* codec = SnmpCodec::of(leaf->getType());
       if (codec == nullptr) fail(object.owner + ": its type cannot be published");
       long min = 0;
       long max = 0;
@@ -393,7 +393,7 @@ class Generator {
     status.access = readOnly ? "read-only" : "read-create";
     add(def->rowStatusColumn, status);
     for (const auto& [number, field] : def->fields) {
-      const ValueCodec* codec = ValueCodec::of(field.type);
+      const SnmpCodec* codec = SnmpCodec::of(field.type);
       const std::string what = object.owner + ": column " + std::to_string(number);
       if (codec == nullptr) fail(what + " has a type no column can have");
       const Bounds bounds(field.min, field.max);

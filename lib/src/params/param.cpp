@@ -3,9 +3,9 @@
 
 #include <memory>
 
-#include "params/groupfile.h"
 #include "base/liblock.h"
 #include "base/trace.h"
+#include "params/groupfile.h"
 #include "values/valuecodec.h"
 #include "zelta/logging.h"
 

@@ -14,10 +14,10 @@
 #include <cstdio>
 #include <cstring>
 
-#include "snmp/agentengine.h"
-#include "snmp/agentxlink.h"
 #include "base/liblock.h"
 #include "base/ratelimit.h"
+#include "snmp/agentengine.h"
+#include "snmp/agentxlink.h"
 #include "snmp/scalarindex.h"
 #include "zelta/logging.h"
 #include "zelta/mibtypes.h"

@@ -11,10 +11,10 @@
 #include <algorithm>
 #include <cstring>
 
+#include "base/trace.h"
 #include "snmp/agentengine.h"
 #include "snmp/notifier.h"
-#include "base/trace.h"
-#include "values/valuecodec.h"
+#include "snmp/snmpcodec.h"
 #include "zelta/common.h"
 #include "zelta/logging.h"
 #include "zelta/mibtypes.h"
@@ -62,7 +62,7 @@ void freePendingSet(void* data) { delete static_cast<PendingSet*>(data); }
 // Type, length and bounds of a SET value for a cell of `field`: 0 or the
 // error status; `out` then holds the value.
 int checkCellValue(const FieldType& field, const netsnmp_variable_list& vb, MibCell& out) {
-  const ValueCodec* codec = ValueCodec::of(field.type);
+  const SnmpCodec* codec = SnmpCodec::of(field.type);
   if (codec == nullptr) return SNMP_ERR_NOTWRITABLE;
   const Bounds bounds(field.min, field.max);
   const int status = codec->checkSet(vb, bounds, out);
@@ -158,7 +158,7 @@ void DynMibTable::get_request(netsnmp_agent_request_info_s* reqinfo, netsnmp_req
       long status = it->second.rowStatus;
       snmp_set_var_typed_value(request->requestvb, ASN_INTEGER, &status, sizeof status);
     } else {
-      ValueCodec::of(cell->type)->answer(request->requestvb, *cell);
+      SnmpCodec::of(cell->type)->answer(request->requestvb, *cell);
     }
   }
 }
@@ -196,7 +196,7 @@ void DynMibTable::prepare_set_request(netsnmp_agent_request_info_s* reqinfo, net
       }
     } else {
       auto field = columns.find(column);
-      if (field == columns.end() || ValueCodec::of(field->second.type) == nullptr) {
+      if (field == columns.end() || SnmpCodec::of(field->second.type) == nullptr) {
         status = SNMP_ERR_NOTWRITABLE;
       } else {
         MibCell cell;
@@ -277,7 +277,7 @@ void DynMibTable::validate_set_request(netsnmp_agent_request_info_s* reqinfo, vo
       } else if (field->validator) {
         // The ExtraInfo is the validator's to read only; it is freed here.
         ExtraInfo info(row.indexes, kCellSet, static_cast<int>(column));
-        if (!field->validator(ValueCodec::of(c.cell.type)->fromSnmp(c.cell), &info)) status = SNMP_ERR_COMMITFAILED;
+        if (!field->validator(SnmpCodec::of(c.cell.type)->fromSnmp(c.cell), &info)) status = SNMP_ERR_COMMITFAILED;
       }
       if (status != SNMP_ERR_NOERROR) netsnmp_set_request_error(reqinfo, c.request, status);
     }
@@ -401,7 +401,7 @@ bool DynMibTable::makeLeaf(unsigned int column, const FieldType& field, MibCell&
   out = MibCell();
   out.column = column;
   out.type = field.type;
-  const ValueCodec* codec = ValueCodec::of(field.type);
+  const SnmpCodec* codec = SnmpCodec::of(field.type);
   if (codec == nullptr) {
     Log["libzelta"].append(ERROR, "DynMibTable: unhandled type %d\n", static_cast<int>(field.type));
     return false;
@@ -476,7 +476,7 @@ void DynMibTable::loadActiveRow_nolock(MibRow& agentRow, const TableRow& row) {
   for (const auto& [column, cellValue] : row) {
     MibCell* cell = agentRow.cell(column);
     // A cell of a kind the column does not take keeps its value.
-    if (cell != nullptr) ValueCodec::of(cell->type)->toSnmp(cellValue, *cell);
+    if (cell != nullptr) SnmpCodec::of(cell->type)->toSnmp(cellValue, *cell);
   }
   // A loaded row is active at once, defaults included, and nobody is told.
   for (MibCell& cell : agentRow.cells) cell.hasValue = true;
@@ -530,7 +530,7 @@ bool DynMibTable::storeCell(const RowIdx& indexes, unsigned int column,
   std::lock_guard lock(agentLock());
   MibCell* cell = getCell(indexes, column);
   if (cell == nullptr) return false;
-  const ValueCodec& codec = *ValueCodec::of(cell->type);
+  const SnmpCodec& codec = *SnmpCodec::of(cell->type);
   Variant converted;
   // A value the cell cannot take (a number for a string column, a text that
   // is no address) leaves it as it was.
@@ -653,7 +653,7 @@ void DynMibTable::row_delete(const RowIdx& indexes) {
 }
 
 bool DynMibTable::writeTableCell(const RowIdx& indexes, const MibCell& cell) {
-  const ValueCodec* codec = ValueCodec::of(cell.type);
+  const SnmpCodec* codec = SnmpCodec::of(cell.type);
   return codec != nullptr && table->setCellValue(indexes, cell.column, codec->fromSnmp(cell));
 }
 

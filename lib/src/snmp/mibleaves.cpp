@@ -5,7 +5,7 @@
 #include <cstring>
 
 #include "snmp/agentengine.h"
-#include "values/valuecodec.h"
+#include "snmp/snmpcodec.h"
 #include "zelta/common.h"
 #include "zelta/logging.h"
 #include "zelta/mibtypes.h"
@@ -39,7 +39,7 @@ namespace {
 // Type, length and a string's length bounds, then the validator, then an
 // integer's range: 0 or the status of the first check that fails.
 int checkValue(ValueType type, bool bounded, long min, long max, Variant& value, const ::variable_list& vb) {
-  const ValueCodec* codec = ValueCodec::of(type);
+  const SnmpCodec* codec = SnmpCodec::of(type);
   const Bounds bounds = bounded ? Bounds::of(static_cast<uint32_t>(min), static_cast<uint32_t>(max)) : Bounds();
   SnmpValue checked;
   const int status = codec->checkSet(vb, bounds, checked);
@@ -69,7 +69,7 @@ bool MibLeaf::value_ok(const ::variable_list& vb) {
 int MibLeaf::set_value(const ::variable_list& vb) {
   // A leaf made read-only after the checks ignores the write.
   if (get_access() < READWRITE) return SNMP_ERR_NOERROR;
-  const ValueCodec* codec = ValueCodec::of(type);
+  const SnmpCodec* codec = SnmpCodec::of(type);
   SnmpValue checked;
   if (codec->checkSet(vb, Bounds(), checked) != SNMP_ERR_NOERROR) return SNMP_ERR_WRONGTYPE;
   *value = codec->fromSnmp(checked);
@@ -87,7 +87,7 @@ bool MibLeaf::get_request(netsnmp_agent_request_info_s* reqinfo, netsnmp_request
     internal::setReadError(reqinfo, request, SNMP_ERR_RESOURCEUNAVAILABLE);
     return false;
   }
-  const ValueCodec* codec = ValueCodec::of(type);
+  const SnmpCodec* codec = SnmpCodec::of(type);
   SnmpValue answer;
   // A parameter whose value is of another kind than its type answers its
   // type's default rather than aborting the agent.

@@ -8,10 +8,10 @@
 #include <cstring>
 #include <unordered_map>
 
-#include "snmp/agentengine.h"
 #include "base/liblock.h"
+#include "snmp/agentengine.h"
 #include "snmp/notifier.h"
-#include "values/valuecodec.h"
+#include "snmp/snmpcodec.h"
 #include "zelta/logging.h"
 #include "zelta/mibtypes.h"
 
@@ -240,7 +240,7 @@ bool Notifier::leafChange_nolock(const MibEntry& entry) {
   Notifier* self = accepting_nolock(entry);
   const auto* leaf = dynamic_cast<const MibLeaf*>(&entry);
   if (self == nullptr || leaf == nullptr || entry.oidParts().empty()) return false;
-  const ValueCodec* codec = ValueCodec::of(leaf->type);
+  const SnmpCodec* codec = SnmpCodec::of(leaf->type);
   SnmpValue now;
   if (codec == nullptr || !codec->toSnmp(*leaf->value, now)) return false;
   Change change;
@@ -258,7 +258,7 @@ bool Notifier::cellChange_nolock(const DynMibTable& table, const std::vector<uns
   auto row = table.rows.find(index);
   if (row == table.rows.end()) return false;
   const MibCell* cell = row->second.cell(column);
-  const ValueCodec* codec = cell != nullptr ? ValueCodec::of(cell->type) : nullptr;
+  const SnmpCodec* codec = cell != nullptr ? SnmpCodec::of(cell->type) : nullptr;
   if (codec == nullptr || !cell->hasValue) return false;
   Change change;
   change.name = table.oidParts();

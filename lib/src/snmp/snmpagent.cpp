@@ -3,8 +3,8 @@
 
 #include <functional>
 
-#include "snmp/agentengine.h"
 #include "base/liblock.h"
+#include "snmp/agentengine.h"
 #include "snmp/notifier.h"
 #include "zelta/logging.h"
 #include "zelta/parammanager.h"

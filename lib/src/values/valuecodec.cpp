@@ -1,6 +1,6 @@
-// Each value type's rules. The switches on the type live here and nowhere
-// else.
-#include "snmp/snmpinternal.h"
+// Each value type's rules that are not SNMP's. The switches on the type live
+// here and in snmp/snmpcodec.cpp, nowhere else.
+#include "values/valuecodec.h"
 
 #include <arpa/inet.h>
 
@@ -8,9 +8,7 @@
 #include <cstring>
 
 #include "base/filetext.h"
-#include "values/valuecodec.h"
 #include "zelta/common.h"
-#include "zelta/mibtypes.h"
 
 namespace Quorvel::Kvan {
 
@@ -31,17 +29,6 @@ bool addressFromText(const std::string& text, Variant& out) {
   Common::logaddrMainSet(address, text);
   out = Variant(static_cast<const unsigned char*>(address));
   return true;
-}
-
-std::string dottedQuad(const std::string& fourBytes) {
-  char text[INET_ADDRSTRLEN] = "0.0.0.0";
-  if (fourBytes.size() == 4) inet_ntop(AF_INET, fourBytes.data(), text, sizeof text);
-  return text;
-}
-
-// A binding's OCTET STRING: the value pointer may be null only when empty.
-bool isOctets(const netsnmp_variable_list& vb) {
-  return vb.type == ASN_OCTET_STR && (vb.val.string != nullptr || vb.val_len == 0);
 }
 
 }  // namespace
@@ -178,164 +165,6 @@ bool ValueCodec::fromText(const std::string& text, Variant& out) const {
     default:
       return false;
   }
-}
-
-// ---- SNMP
-
-unsigned char ValueCodec::asnType() const {
-  switch (type_) {
-    case INTEGER:
-      return ASN_INTEGER;
-    case TIMETICKS:
-      return ASN_TIMETICKS;
-    case IPADDRESS:
-      return ASN_IPADDRESS;
-    default:
-      return ASN_OCTET_STR;
-  }
-}
-
-std::string ValueCodec::smiSyntax(const Bounds& bounds) const {
-  const std::string range =
-      std::to_string(static_cast<int32_t>(bounds.min)) + ".." + std::to_string(static_cast<int32_t>(bounds.max));
-  const size_t longest = SNMP::internal::kMaxStringLen;
-  const std::string lengths = std::to_string(bounds.set ? bounds.min : 0) + ".." +
-                              std::to_string(bounds.set ? std::min<size_t>(bounds.max, longest) : longest);
-  switch (type_) {
-    case INTEGER:
-      return bounds.set ? "Integer32 (" + range + ")" : "Integer32";
-    case TIMETICKS:
-      return "TimeTicks";
-    case IPADDRESS:
-      return "IpAddress";
-    case LOGADDRMAIN:
-      return "OCTET STRING (SIZE (8))";
-    default:
-      return "OCTET STRING (SIZE (" + lengths + "))";
-  }
-}
-
-const char* ValueCodec::smiBaseType() const {
-  switch (type_) {
-    case INTEGER:
-      return "Integer32";
-    case TIMETICKS:
-      return "TimeTicks";
-    case IPADDRESS:
-      return "IpAddress";
-    default:
-      return "OCTET STRING";
-  }
-}
-
-bool ValueCodec::toSnmp(const Variant& v, SnmpValue& out) const {
-  const VariantType held = v.getType();
-  switch (type_) {
-    case INTEGER:
-      if (held != VariantType::LONG) return false;
-      out.num = static_cast<int32_t>(v.getLong());
-      return true;
-    case TIMETICKS:
-      if (held == VariantType::LONG) {
-        out.num = static_cast<long>(static_cast<uint32_t>(v.getLong()));
-      } else if (held == VariantType::TIMETICKS) {
-        out.num = static_cast<long>(v.getTimeTicks().value);
-      } else {
-        return false;
-      }
-      return true;
-    case IPADDRESS: {
-      if (held != VariantType::STRING) return false;
-      in_addr address{};
-      // A parameter holding no valid address reads as 0.0.0.0.
-      if (inet_pton(AF_INET, v.getIPAddress().c_str(), &address) != 1) address.s_addr = 0;
-      out.bytes.assign(reinterpret_cast<const char*>(&address.s_addr), 4);
-      return true;
-    }
-    case STRING: {
-      if (held != VariantType::STRING) return false;
-      // Answers must fit a response; the parameter keeps its full value.
-      const std::string& text = v.getString();
-      out.bytes.assign(text, 0, std::min(text.size(), SNMP::internal::kMaxStringLen));
-      return true;
-    }
-    case LOGADDRMAIN:
-      if (held != VariantType::LOGADDRMAIN) return false;
-      out.bytes.assign(reinterpret_cast<const char*>(v.getLogaddrMain()), 8);
-      return true;
-    default:
-      return false;
-  }
-}
-
-Variant ValueCodec::fromSnmp(const SnmpValue& value) const {
-  Variant out;
-  switch (type_) {
-    case INTEGER:
-    case TIMETICKS:
-      fromNumber(value.num, out);
-      break;
-    case IPADDRESS:
-      out = Variant(dottedQuad(value.bytes));
-      break;
-    case STRING:
-      out = Variant(value.bytes);
-      break;
-    case LOGADDRMAIN:
-      if (!addressFromText(value.bytes, out)) out = Variant(kZeroAddress);
-      break;
-    default:
-      break;
-  }
-  return out;
-}
-
-int ValueCodec::checkSet(const ::variable_list& vb, const Bounds& bounds, SnmpValue& out) const {
-  switch (type_) {
-    case INTEGER:
-    case TIMETICKS:
-      if (vb.type != asnType() || vb.val.integer == nullptr) return SNMP_ERR_WRONGTYPE;
-      if (vb.val_len != sizeof(long) && vb.val_len != sizeof(int32_t)) return SNMP_ERR_WRONGLENGTH;
-      out.num = SNMP::vbxToLong(vb);
-      if (type_ == TIMETICKS) out.num = static_cast<long>(static_cast<uint32_t>(out.num));
-      return SNMP_ERR_NOERROR;
-    case IPADDRESS:
-      if (vb.type != ASN_IPADDRESS || vb.val.string == nullptr) return SNMP_ERR_WRONGTYPE;
-      if (vb.val_len != 4) return SNMP_ERR_WRONGLENGTH;
-      out.bytes.assign(reinterpret_cast<const char*>(vb.val.string), 4);
-      return SNMP_ERR_NOERROR;
-    case STRING:
-      if (!isOctets(vb)) return SNMP_ERR_WRONGTYPE;
-      // Longer values cannot be converted; refused rather than read as "ERROR".
-      if (vb.val_len > SNMP::internal::kMaxStringLen) return SNMP_ERR_WRONGLENGTH;
-      if (bounds.set && (vb.val_len < bounds.min || vb.val_len > bounds.max)) return SNMP_ERR_WRONGLENGTH;
-      out.bytes = SNMP::vbxToString(vb);
-      return SNMP_ERR_NOERROR;
-    case LOGADDRMAIN:
-      if (!isOctets(vb)) return SNMP_ERR_WRONGTYPE;
-      // Exactly 8 bytes, so that nothing longer ever reaches logaddrMainSet.
-      if (vb.val_len != 8) return SNMP_ERR_WRONGLENGTH;
-      out.bytes = SNMP::vbxToString(vb);
-      return SNMP_ERR_NOERROR;
-    default:
-      return SNMP_ERR_NOTWRITABLE;
-  }
-}
-
-bool ValueCodec::inRange(const SnmpValue& value, const Bounds& bounds) const {
-  return type_ != INTEGER || !bounds.set ||
-         (value.num >= static_cast<int32_t>(bounds.min) && value.num <= static_cast<int32_t>(bounds.max));
-}
-
-std::string_view ValueCodec::bindingBytes(const SnmpValue& value) const {
-  if (type_ == INTEGER || type_ == TIMETICKS)
-    return std::string_view(reinterpret_cast<const char*>(&value.num), sizeof value.num);
-  return value.bytes;
-}
-
-void ValueCodec::answer(::variable_list* vb, const SnmpValue& value) const {
-  const std::string_view bytes = bindingBytes(value);
-  snmp_set_var_typed_value(vb, asnType(), bytes.data(), bytes.size());
 }
 
 }  // namespace Quorvel::Kvan

@@ -1,6 +1,7 @@
-// The rules of each value type in one place: its default, its group-file
-// text, its SNMP syntax and the checks a SET value must pass. Every part of
-// the library that converts a value goes through here.
+// The rules of each value type that are not SNMP's: its default, its
+// group-file text and the host values it takes. Every part of the library
+// that converts a value goes through here; the SNMP rules of a type
+// (snmp/snmpcodec.h) build on these.
 //
 // Thread safety: the codecs are immutable; they read and write only the
 // values they are given.
@@ -12,12 +13,9 @@
 #include <string>
 #include <string_view>
 
-#include "zelta/mibtypes.h"
 #include "zelta/tabledef.h"
 
 namespace Quorvel::Kvan {
-
-using SNMP::SnmpValue;
 
 // Bounds of a published object or column: value bounds of an INTEGER
 // (signed 32-bit values), length bounds of a STRING, kept as the 32 bits the
@@ -71,32 +69,10 @@ class ValueCodec {
   bool fromNumber(long number, Variant& out) const;
   bool fromText(const std::string& text, Variant& out) const;
 
-  // ---- SNMP
-  // The ASN.1 type on the wire.
-  unsigned char asnType() const;
-  // The SMIv2 syntax a MIB module gives it, with its bounds. A string's
-  // lengths stop at the longest value a leaf takes.
-  std::string smiSyntax(const Bounds& bounds) const;
-  // The same without bounds, as a SEQUENCE names it ("Integer32", "OCTET
-  // STRING"); also what a module imports for it, unless built into ASN.1.
-  const char* smiBaseType() const;
-  // The value of `v` as SNMP answers it. False when `v` is of another kind.
-  bool toSnmp(const Variant& v, SnmpValue& out) const;
-  Variant fromSnmp(const SnmpValue& value) const;
-  // A SET value's type and length, and a STRING's length bounds: 0, or
-  // wrongType / wrongLength. On success `out` holds the value.
-  int checkSet(const ::variable_list& vb, const Bounds& bounds, SnmpValue& out) const;
-  // An INTEGER's value bounds (other types always pass).
-  bool inRange(const SnmpValue& value, const Bounds& bounds) const;
-  // The bytes of `value` as a binding of this type holds them: a number as
-  // a long, the rest as they are.
-  std::string_view bindingBytes(const SnmpValue& value) const;
-  // Puts `value` into an answer binding.
-  void answer(::variable_list* vb, const SnmpValue& value) const;
-
- private:
+ protected:
   constexpr explicit ValueCodec(ValueType type) : type_(type) {}
 
+ private:
   ValueType type_;
 };
 

@@ -1,0 +1,72 @@
+# Checks that no source of the base, values or params layer pulls in an SNMP
+# header, directly or through another header: it compiles each such source
+# with -H (the compile line of compile_commands.json) and reads the headers
+# the compiler opened. The one way through is zelta/param.h, which names
+# SNMPInfo and so includes zelta/mibtypes.h (a forward-declaring header with
+# no Net-SNMP in it) for the params layer.
+#
+# -DCOMMANDS=<build>/compile_commands.json -DSOURCE_DIR=<project>
+cmake_minimum_required(VERSION 3.25)
+file(READ ${COMMANDS} commands)
+string(JSON count LENGTH "${commands}")
+math(EXPR last "${count} - 1")
+set(checked 0)
+set(failures "")
+foreach(i RANGE ${last})
+  string(JSON file GET "${commands}" ${i} file)
+  file(RELATIVE_PATH rel ${SOURCE_DIR} ${file})
+  if(NOT rel MATCHES "^lib/src/(base|values|params)/")
+    continue()
+  endif()
+  set(layer ${CMAKE_MATCH_1})
+  string(JSON dir GET "${commands}" ${i} directory)
+  string(JSON line GET "${commands}" ${i} command)
+  separate_arguments(args UNIX_COMMAND "${line}")
+  # Only the preprocessing is wanted: no object file.
+  list(FIND args "-o" at)
+  if(at GREATER -1)
+    list(REMOVE_AT args ${at} ${at})
+  endif()
+  execute_process(COMMAND ${args} -H -fsyntax-only WORKING_DIRECTORY ${dir}
+                  RESULT_VARIABLE status ERROR_VARIABLE opened OUTPUT_QUIET)
+  if(NOT status EQUAL 0)
+    string(APPEND failures "${rel}: does not compile:\n${opened}\n")
+    continue()
+  endif()
+  math(EXPR checked "${checked} + 1")
+  # -H prints one line per header opened: dots for the depth, then the path.
+  string(REGEX MATCHALL "(^|\n)\\.+ [^\n]+" lines "${opened}")
+  set(parent_of_depth "")
+  foreach(entry IN LISTS lines)
+    string(STRIP "${entry}" entry)
+    string(REGEX MATCH "^\\.+" dots "${entry}")
+    string(LENGTH "${dots}" depth)
+    string(REGEX REPLACE "^\\.+ " "" header "${entry}")
+    set(at_depth_${depth} "${header}")
+    math(EXPR up "${depth} - 1")
+    set(includer "${rel}")
+    if(up GREATER 0)
+      set(includer "${at_depth_${up}}")
+    endif()
+    set(bad FALSE)
+    if(header MATCHES "/net-snmp/" OR header MATCHES "lib/src/(snmp|mibgen)/"
+       OR header MATCHES "zelta/(snmpagent|snmpclient|mibgen)\\.h$")
+      set(bad TRUE)
+    elseif(header MATCHES "zelta/mibtypes\\.h$")
+      # Allowed only to the params layer, and only from zelta/param.h.
+      if(NOT (layer STREQUAL "params" AND includer MATCHES "zelta/param\\.h$"))
+        set(bad TRUE)
+      endif()
+    endif()
+    if(bad)
+      string(APPEND failures "${rel}: ${header} (included by ${includer})\n")
+    endif()
+  endforeach()
+endforeach()
+if(checked EQUAL 0)
+  message(FATAL_ERROR "no source of lib/src/base, values or params found in ${COMMANDS}")
+endif()
+if(failures)
+  message(FATAL_ERROR "SNMP headers reached from the lower layers:\n${failures}")
+endif()
+message(STATUS "${checked} sources of the base, values and params layers include no SNMP header")
