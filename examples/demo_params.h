@@ -9,6 +9,7 @@
 #include <map>
 #include <string>
 
+#include <zelta/mibgen.h>
 #include <zelta/zelta.h>
 
 namespace zelta_demo {

@@ -4,10 +4,12 @@
 #   1. installs the cross compiler and qemu-user when missing (needs root);
 #   2. makes a sysroot from Debian's armhf packages, unpacked with dpkg-deb into
 #      $BUILD_ARMHF/sysroot and kept there, so later runs skip this step;
-#   3. configures $BUILD_ARMHF with cmake/toolchain-armhf.cmake, builds, runs ctest.
+#   3. configures $BUILD_ARMHF with cmake/toolchain-armhf.cmake, builds, reports
+#      the library's size against its budget (scripts/size-report.sh), runs ctest.
 # Environment: BUILD_ARMHF (default build-armhf), JOBS (default: nproc),
 # ARMHF_TEST_TIMEOUT (seconds for tests that set none themselves, default 900),
-# CTEST_ARGS (extra ctest arguments, e.g. "-R logging").
+# CTEST_ARGS (extra ctest arguments, e.g. "-R logging"),
+# ZELTA_SIZE_BUDGET (bytes the stripped libzelta.so may take, default 200000).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 src=$PWD
@@ -111,7 +113,12 @@ unset PKG_CONFIG_PATH
 cmake -S "$src" -B "$build" -DCMAKE_TOOLCHAIN_FILE="$src/cmake/toolchain-armhf.cmake" \
   -DZELTA_ARMHF_SYSROOT="$sysroot" -DZELTA_BUILD_BENCH=OFF -DCMAKE_BUILD_TYPE=RelWithDebInfo
 cmake --build "$build" -j "$jobs"
+# The device's library against its size budget; the tests run either way and
+# the script fails afterwards when the library is too large.
+size_status=0
+scripts/size-report.sh "$build" || size_status=$?
 # Threads and sockets start slowly under emulation: tests without a timeout of
 # their own get a long one.
 # shellcheck disable=SC2086
 ctest --test-dir "$build" --output-on-failure -j "$jobs" --timeout "${ARMHF_TEST_TIMEOUT:-900}" ${CTEST_ARGS:-}
+exit "$size_status"

@@ -1,8 +1,10 @@
 # Packaging checks, run by ctest as `cmake -DMODE=<mode> -D... -P run.cmake`
 # (tests/CMakeLists.txt passes the variables). Modes: exports (the built
 # library), install (`cmake --install` into PREFIX), find_package and
-# pkg_config (a consumer built against PREFIX, then run), deb (`cpack -G DEB`,
-# dpkg -i, both consumers against /usr, dpkg --purge whatever they found).
+# pkg_config (a consumer built against PREFIX, then run: a device program with
+# libzelta alone, and a build host's program with the MIB generator's library
+# too), deb (`cpack -G DEB`, dpkg -i, both consumers against /usr, dpkg --purge
+# whatever they found).
 cmake_minimum_required(VERSION 3.25)
 
 # Runs a command and stops with its output when it fails; `out_var` gets its
@@ -43,6 +45,15 @@ if(MODE STREQUAL "exports")
   if(foreign OR NOT symbols MATCHES " _ZN7Quorvel4Kvan10ParamGroup4saveEv(\n|$)")
     message(FATAL_ERROR "${LIBRARY} exports symbols outside namespace Quorvel, or not ParamGroup::save:\n${foreign}")
   endif()
+  # The MIB generator lives in its own library, which exports it and nothing
+  # outside namespace Quorvel either.
+  zelta_run(all ${NM} --defined-only ${LIBRARY})
+  zelta_run(generator ${NM} -D --defined-only ${MIBGEN_LIBRARY})
+  string(REGEX MATCHALL "[^ \n]+(\n|$)" foreign "${generator}")
+  list(FILTER foreign EXCLUDE REGEX "^_Z(N.?.?|T[VITSWH]N|T[hvc].*N|GVZ?N|ZN.?.?)7Quorvel")
+  if(all MATCHES "MibModule" OR foreign OR NOT generator MATCHES "writeMibModule")
+    message(FATAL_ERROR "libzelta carries the MIB generator, or ${MIBGEN_LIBRARY} exports other symbols:\n${foreign}")
+  endif()
 
 elseif(MODE STREQUAL "install")
   file(REMOVE_RECURSE ${PREFIX})
@@ -80,27 +91,37 @@ elseif(MODE STREQUAL "install")
 # another copy on the machine cannot stand in for it.
 elseif(MODE STREQUAL "find_package")
   file(REMOVE_RECURSE ${WORK})
-  zelta_run(_ ${CMAKE_COMMAND} -S ${CMAKE_CURRENT_LIST_DIR} -B ${WORK} -G ${GENERATOR} -DCMAKE_PREFIX_PATH=${PREFIX}
-            -DCMAKE_CXX_COMPILER=${CXX} "-DCMAKE_CXX_FLAGS=${sanitize}")
-  zelta_run(_ ${CMAKE_COMMAND} --build ${WORK} --config ${CONFIG})
-  file(GLOB_RECURSE exe ${WORK}/zelta_consumer)
-  zelta_run(out ${exe} ${library})
-  message(STATUS "${out}")
+  foreach(mibgen OFF ON)
+    zelta_run(_ ${CMAKE_COMMAND} -S ${CMAKE_CURRENT_LIST_DIR} -B ${WORK}/${mibgen} -G ${GENERATOR}
+              -DCMAKE_PREFIX_PATH=${PREFIX} -DCMAKE_CXX_COMPILER=${CXX} "-DCMAKE_CXX_FLAGS=${sanitize}"
+              -DWITH_MIBGEN=${mibgen})
+    zelta_run(_ ${CMAKE_COMMAND} --build ${WORK}/${mibgen} --config ${CONFIG})
+    file(GLOB_RECURSE exe ${WORK}/${mibgen}/zelta_consumer)
+    zelta_run(out ${exe} ${library})
+    message(STATUS "${out}")
+  endforeach()
 
 elseif(MODE STREQUAL "pkg_config")
   set(pc ${CMAKE_COMMAND} -E env --unset=PKG_CONFIG_LIBDIR --unset=PKG_CONFIG_SYSROOT_DIR
          PKG_CONFIG_PATH=${PREFIX}/${LIBDIR}/pkgconfig ${PKG_CONFIG})
-  zelta_run(prefix ${pc} --variable=prefix zelta)
-  zelta_run(flags ${pc} --cflags --libs zelta)
-  if(NOT prefix STREQUAL PREFIX OR flags MATCHES "snmp")
-    message(FATAL_ERROR "zelta.pc found has prefix ${prefix} (want ${PREFIX}) and flags ${flags} (want no Net-SNMP)")
-  endif()
-  separate_arguments(flags UNIX_COMMAND "${flags}")
   file(REMOVE_RECURSE ${WORK})
   file(MAKE_DIRECTORY ${WORK})
-  zelta_run(_ ${CXX} ${sanitize} -Wall -Wextra -Werror ${CMAKE_CURRENT_LIST_DIR}/main.cpp ${flags} -o ${WORK}/zelta_consumer)
-  zelta_run(out ${CMAKE_COMMAND} -E env LD_LIBRARY_PATH=${PREFIX}/${LIBDIR} ${WORK}/zelta_consumer ${library})
-  message(STATUS "${out}")
+  foreach(module zelta zelta-mibgen)
+    zelta_run(prefix ${pc} --variable=prefix ${module})
+    zelta_run(flags ${pc} --cflags --libs ${module})
+    if(NOT prefix STREQUAL PREFIX OR flags MATCHES "snmp")
+      message(FATAL_ERROR "${module}.pc found has prefix ${prefix} (want ${PREFIX}) and flags ${flags} (want no Net-SNMP)")
+    endif()
+    separate_arguments(flags UNIX_COMMAND "${flags}")
+    set(define "")
+    if(module STREQUAL "zelta-mibgen")
+      set(define -DZELTA_CONSUMER_MIBGEN)
+    endif()
+    zelta_run(_ ${CXX} ${sanitize} -Wall -Wextra -Werror ${define} ${CMAKE_CURRENT_LIST_DIR}/main.cpp ${flags}
+              -o ${WORK}/${module}_consumer)
+    zelta_run(out ${CMAKE_COMMAND} -E env LD_LIBRARY_PATH=${PREFIX}/${LIBDIR} ${WORK}/${module}_consumer ${library})
+    message(STATUS "${out}")
+  endforeach()
 
 elseif(MODE STREQUAL "deb")
   find_program(DPKG dpkg)

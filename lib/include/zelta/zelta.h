@@ -1,11 +1,11 @@
-// Everything libzelta offers, in one include.
+// Everything libzelta offers, in one include. The MIB generator has a header
+// and a library of its own: zelta/mibgen.h, zelta::mibgen.
 #ifndef ZELTA_ZELTA_H_
 #define ZELTA_ZELTA_H_
 
 #include "zelta/common.h"
 #include "zelta/crypto.h"
 #include "zelta/logging.h"
-#include "zelta/mibgen.h"
 #include "zelta/mibtypes.h"
 #include "zelta/param.h"
 #include "zelta/parammanager.h"

@@ -27,14 +27,6 @@ bool isOctets(const netsnmp_variable_list& vb) {
 
 }  // namespace
 
-const SnmpCodec* SnmpCodec::of(ValueType type) {
-  static const SnmpCodec kCodecs[] = {SnmpCodec(INTEGER), SnmpCodec(STRING), SnmpCodec(IPADDRESS), SnmpCodec(TIMETICKS),
-                                      SnmpCodec(LOGADDRMAIN)};
-  for (const SnmpCodec& codec : kCodecs)
-    if (codec.type() == type) return &codec;
-  return nullptr;
-}
-
 unsigned char SnmpCodec::asnType() const {
   switch (type()) {
     case INTEGER:
@@ -45,39 +37,6 @@ unsigned char SnmpCodec::asnType() const {
       return ASN_IPADDRESS;
     default:
       return ASN_OCTET_STR;
-  }
-}
-
-std::string SnmpCodec::smiSyntax(const Bounds& bounds) const {
-  const std::string range =
-      std::to_string(static_cast<int32_t>(bounds.min)) + ".." + std::to_string(static_cast<int32_t>(bounds.max));
-  const size_t longest = internal::kMaxStringLen;
-  const std::string lengths = std::to_string(bounds.set ? bounds.min : 0) + ".." +
-                              std::to_string(bounds.set ? std::min<size_t>(bounds.max, longest) : longest);
-  switch (type()) {
-    case INTEGER:
-      return bounds.set ? "Integer32 (" + range + ")" : "Integer32";
-    case TIMETICKS:
-      return "TimeTicks";
-    case IPADDRESS:
-      return "IpAddress";
-    case LOGADDRMAIN:
-      return "OCTET STRING (SIZE (8))";
-    default:
-      return "OCTET STRING (SIZE (" + lengths + "))";
-  }
-}
-
-const char* SnmpCodec::smiBaseType() const {
-  switch (type()) {
-    case INTEGER:
-      return "Integer32";
-    case TIMETICKS:
-      return "TimeTicks";
-    case IPADDRESS:
-      return "IpAddress";
-    default:
-      return "OCTET STRING";
   }
 }
 

@@ -26,7 +26,8 @@ class SnmpCodec : public ValueCodec {
   // The ASN.1 type on the wire.
   unsigned char asnType() const;
   // The SMIv2 syntax a MIB module gives it, with its bounds. A string's
-  // lengths stop at the longest value a leaf takes.
+  // lengths stop at the longest value a leaf takes. Defined in the MIB
+  // generator's library (mibgen/smisyntax.cpp), not in the device's.
   std::string smiSyntax(const Bounds& bounds) const;
   // The same without bounds, as a SEQUENCE names it ("Integer32", "OCTET
   // STRING"); also what a module imports for it, unless built into ASN.1.
@@ -48,6 +49,15 @@ class SnmpCodec : public ValueCodec {
  private:
   constexpr explicit SnmpCodec(ValueType type) : ValueCodec(type) {}
 };
+
+// Inline, so that the MIB generator's library has it too.
+inline const SnmpCodec* SnmpCodec::of(ValueType type) {
+  static constexpr SnmpCodec kCodecs[] = {SnmpCodec(INTEGER), SnmpCodec(STRING), SnmpCodec(IPADDRESS),
+                                          SnmpCodec(TIMETICKS), SnmpCodec(LOGADDRMAIN)};
+  for (const SnmpCodec& codec : kCodecs)
+    if (codec.type() == type) return &codec;
+  return nullptr;
+}
 
 }  // namespace Quorvel::Kvan::SNMP
 

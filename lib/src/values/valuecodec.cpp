@@ -33,19 +33,6 @@ bool addressFromText(const std::string& text, Variant& out) {
 
 }  // namespace
 
-Bounds::Bounds(unsigned long lower, unsigned long upper)
-    : set(lower != NO_RANGE && upper != NO_RANGE),
-      min(static_cast<uint32_t>(lower)),
-      max(static_cast<uint32_t>(upper)) {}
-
-Bounds Bounds::of(uint32_t lower, uint32_t upper) {
-  Bounds bounds;
-  bounds.set = true;
-  bounds.min = lower;
-  bounds.max = upper;
-  return bounds;
-}
-
 const ValueCodec* ValueCodec::of(ValueType type) {
   static const ValueCodec kCodecs[] = {ValueCodec(INTEGER), ValueCodec(STRING), ValueCodec(IPADDRESS),
                                        ValueCodec(TIMETICKS), ValueCodec(LOGADDRMAIN)};

@@ -23,9 +23,18 @@ namespace Quorvel::Kvan {
 struct Bounds {
   Bounds() = default;
   // From the unsigned fields of a range or a FieldType, NO_RANGE meaning none.
-  Bounds(unsigned long min, unsigned long max);
+  Bounds(unsigned long lower, unsigned long upper)
+      : set(lower != NO_RANGE && upper != NO_RANGE),
+        min(static_cast<uint32_t>(lower)),
+        max(static_cast<uint32_t>(upper)) {}
   // Bounds that are set.
-  static Bounds of(uint32_t min, uint32_t max);
+  static Bounds of(uint32_t lower, uint32_t upper) {
+    Bounds bounds;
+    bounds.set = true;
+    bounds.min = lower;
+    bounds.max = upper;
+    return bounds;
+  }
 
   bool set = false;
   uint32_t min = 0;
