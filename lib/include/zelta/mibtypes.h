@@ -30,12 +30,6 @@ struct variable_list;                 // netsnmp_variable_list
 struct netsnmp_agent_request_info_s;  // netsnmp_agent_request_info
 struct netsnmp_request_info_s;        // netsnmp_request_info
 struct netsnmp_handler_registration_s;
-struct netsnmp_tdata_s;
-struct netsnmp_table_registration_info_s;
-
-namespace Quorvel::Kvan {
-class ValueCodec;
-}
 
 namespace Quorvel::Kvan::SNMP {
 
@@ -241,56 +235,16 @@ class ZELTA_EXPORT LogaddrmainMibLeaf : public MibLeaf {
   LogaddrmainMibLeaf(SNMPInfo* info, Variant* value);
 };
 
-// A value as SNMP carries it: INTEGER and TimeTicks in `num`; the bytes of an
-// OCTET STRING (a logical address: its 8 bytes) and the 4 bytes of an
-// IpAddress in `bytes`.
-struct SnmpValue {
-  long num = 0;
-  std::string bytes;
-};
-
-// The agent's copy of one table cell: its column, its type (the column's
-// ValueType) and its current SNMP value. INTEGER and TIMETICKS values are in
-// `num`; STRING and LOGADDRMAIN bytes and the 4 bytes of an IPADDRESS are in
-// `bytes`. IPADDRESS and LOGADDRMAIN cells of a row created over SNMP have no
-// value until one is set, and the row cannot be active before.
-struct ZELTA_EXPORT MibCell : SnmpValue {
-  unsigned int column = 0;
-  ValueType type = INTEGER;
-  bool hasValue = false;
-};
-
-// The agent's copy of one row: RowStatus (1 active, 2 notInService,
-// 3 notReady) and one cell per published value column, in column order.
-struct MibRow {
-  int rowStatus = 1;
-  std::vector<MibCell> cells;
-  void* tdataRow = nullptr;  // the row's Net-SNMP twin while registered
-
-  const MibCell* cell(unsigned int column) const {
-    for (const MibCell& c : cells)
-      if (c.column == column) return &c;
-    return nullptr;
-  }
-  MibCell* cell(unsigned int column) { return const_cast<MibCell*>(static_cast<const MibRow*>(this)->cell(column)); }
-  // Ready for service: every cell has a value.
-  bool isReady() const {
-    for (const MibCell& c : cells)
-      if (!c.hasValue) return false;
-    return true;
-  }
-};
-
 // A table-valued parameter as an SNMP conceptual table with a RowStatus
 // column. The SNMPInfo's OID is the table's entry OID (ending in .1); a cell
 // is entry.column.index. Index columns are not accessible; every row has
 // numIdx index components (any number when numIdx is -1).
 //
-// The object keeps the agent's copy of each row (RowStatus and cell values);
-// GET and GETNEXT answer from it after the Variant's filler has run. The
-// Table inside the Variant mirrors it: SNMP writes go to both, and every
-// change reaches the Variant's listener with a new ExtraInfo (row index,
-// action code, column) that the listener owns.
+// The agent serves the Table inside the Variant itself, its rows and their
+// RowStatus (Table::getRowStatus): GET and GETNEXT answer from it after the
+// Variant's filler has run, in OID order by binary search, and SETs write it
+// at commit. Every change a SET makes reaches the Variant's listener with a
+// new ExtraInfo (row index, action code, column) that the listener owns.
 class ZELTA_EXPORT DynMibTable : public MibEntry, public IAccessModeChangeable {
  public:
   DynMibTable(SNMPInfo* info, Variant* value);
@@ -301,34 +255,25 @@ class ZELTA_EXPORT DynMibTable : public MibEntry, public IAccessModeChangeable {
   // null for a table without definition.
   const TableDef* getDefinition() const { return definition; }
 
-  // Adds (or updates) a row as loaded from a file: the agent's copy takes the
-  // given cells and the row is active at once, with no notice. The Table row
-  // is created with defaults if absent and otherwise left as it is. False,
-  // and nothing changed, when the index has the wrong number of components.
+  // Adds (or updates) a row as loaded from a file: the Table row takes the
+  // given cells (created with defaults if absent) and is active at once,
+  // with no notice. False, and nothing changed, when the index has the wrong
+  // number of components, none, or one above 32 bits.
   bool addRow(std::vector<unsigned long> indexes, std::map<unsigned int, Variant> row);
-  // addRow without copying the index and the cells: how the file reader
-  // hands over a loaded row.
-  bool loadRow(const RowIdx& indexes, const TableRow& row);
-  // Makes the agent's rows exactly the Table's rows, each active with the
-  // Table's cells, with no notice: what a silent write of a whole new table
-  // needs. Rows whose index has the wrong number of components are left out.
-  void reloadFromTable();
   // True when the row exists and its RowStatus is active.
   bool isRowActive(const std::vector<unsigned long>& indexes);
-  // isRowActive for every row of `table`, in index order, in one merged pass
-  // over both sorted row sets: what the file writer needs for a large table.
-  std::vector<bool> activeRowFlags(const Table& table);
-  // Removes the row from the agent and from the Table, announcing
-  // "new row deactivated" (if it was active) and "removed row".
+  // Removes the row from the Table, announcing "new row deactivated" (if it
+  // was active) and "removed row".
   void removeRow(const std::vector<unsigned long>& indexes);
   // The same with the index as dotted text ("1.9").
   void removeRow(const std::string& index);
-  // The agent's copy of a cell, or null (with a trace line) when the row or
-  // the column does not exist. Valid until the row is removed.
-  MibCell* getCell(const std::vector<unsigned long>& indexes, const unsigned int& column);
-  // Writes the agent's copy of one cell only (no notice, no Table write).
-  // False (with a trace line) when the cell is missing or cannot take the
-  // value (a number for a string column, text that is not an address).
+  // The Table's cell, or null (with a trace line) when the row or the cell
+  // does not exist. Valid until the row is removed.
+  Variant* getCell(const std::vector<unsigned long>& indexes, const unsigned int& column);
+  // Writes one cell of an existing row, converted for the column's type (no
+  // notice). False (with a trace line) when the row or the column is missing
+  // or the cell cannot take the value (a number for a string column, text
+  // that is not an address).
   bool setCellValue(const std::vector<unsigned long>& indexes, const unsigned int& column, const long& value);
   bool setCellValue(const std::vector<unsigned long>& indexes, const unsigned int& column, const std::string& value);
   // RowStatus of a row: -1 when absent, otherwise 1, 2 or 3.
@@ -347,8 +292,8 @@ class ZELTA_EXPORT DynMibTable : public MibEntry, public IAccessModeChangeable {
   // True when `oid` names this table's RowStatus column; `indexes` then gets
   // the sub-identifiers after the column.
   bool isNewRowCreationRequest(const std::string& oid, std::vector<unsigned long>& indexes);
-  // Copies the agent's copy of a row into the Table. REQUIRES: the row exists
-  // (asserted: "mtRow != __null").
+  // A row created over SNMP is the Table's row from the start: nothing is
+  // left to copy. REQUIRES: the row exists (asserted: "mtRow != __null").
   void refreshDataOnCreateRow(const std::vector<unsigned long>& indexes);
   // Asks the Variant's filler about one cell (ExtraInfo {index, 5, column});
   // false when it refuses.
@@ -365,53 +310,52 @@ class ZELTA_EXPORT DynMibTable : public MibEntry, public IAccessModeChangeable {
   friend struct Handler;
   friend class Notifier;  // reads the row of a change the host reports
 
+  Table& table() const { return *value->getMutableTable(); }
+  // True when a row with this index can be served (the index fits the
+  // table and SNMP's 32-bit sub-identifiers).
+  bool servable(const RowIdx& indexes) const;
+
   // Handler steps, on the agent thread with the agent lock held. `pending`
   // is the PDU's set of changes for this table.
-  // GET (and GETNEXT, turned into GET by the helpers): filler, then answer.
-  void get_request(netsnmp_agent_request_info_s* reqinfo, netsnmp_request_info_s* requests);
+  void get_request(netsnmp_agent_request_info_s* reqinfo, netsnmp_request_info_s* request);
+  void get_next_request(netsnmp_agent_request_info_s* reqinfo, netsnmp_request_info_s* request);
   // RESERVE1: each binding on its own (access, index, type, length, range).
-  void prepare_set_request(netsnmp_agent_request_info_s* reqinfo, netsnmp_request_info_s* requests, void* pending);
+  void prepare_set_request(netsnmp_agent_request_info_s* reqinfo, netsnmp_request_info_s* request, void* pending);
   // RESERVE2: the bindings of each row together (RowStatus, readiness).
   void check_row_transitions(netsnmp_agent_request_info_s* reqinfo, void* pending);
   // ACTION: activeRowsReadOnly and the column validators.
   void validate_set_request(netsnmp_agent_request_info_s* reqinfo, void* pending);
-  // COMMIT: applies the PDU to the agent's copy and the Table, and notifies.
+  // COMMIT: applies the PDU to the Table, and notifies.
   void commit_set_request(netsnmp_agent_request_info_s* reqinfo, void* pending);
-  void freeRegistrationData_nolock();
+  // Answers a request for a cell of an existing row, the filler having run.
+  void answer(netsnmp_agent_request_info_s* reqinfo, netsnmp_request_info_s* request, const RowIdx& indexes,
+              const TableRow& row, unsigned int column);
+  // The definition of a host write's column when the row and the column
+  // exist; null, with a trace line, otherwise.
+  const FieldType* writableCell(const RowIdx& indexes, unsigned int column);
+  // Stores a host value converted for the column; false, with a trace line,
+  // when it could not be converted or the Table refuses it.
+  bool storeCell(const RowIdx& indexes, unsigned int column, bool converted, const Variant& cell);
 
   void initIndexes();
   void initRowStatus();
   void initFields();
   void initValues();
-  // The cell prototype of a value column: its default (or no value). False,
-  // with an ERROR line, for a type that cannot be published.
-  bool makeLeaf(unsigned int column, const FieldType& type, MibCell& out) const;
-  MibRow newRow() const;
-  std::map<RowIdx, MibRow>::iterator insertRow_nolock(std::map<RowIdx, MibRow>::iterator hint, const RowIdx& indexes);
-  void loadActiveRow_nolock(MibRow& agentRow, const TableRow& row);
-  bool insertTdataRow_nolock(const std::vector<unsigned long>& indexes, MibRow& row);
-  void eraseRow_nolock(std::map<RowIdx, MibRow>::iterator it);
+  // False, with an ERROR line, for a column type that cannot be published.
+  bool makeLeaf(const FieldType& type) const;
   void notify(const char* reason, const RowIdx& indexes, int action, int column);
   void row_added(const RowIdx& indexes);
-  void row_activated(const RowIdx& indexes, MibRow& row);
-  void row_deactivated(const RowIdx& indexes, MibRow& row);
+  void row_activated(const RowIdx& indexes);
+  void row_deactivated(const RowIdx& indexes);
   void row_delete(const RowIdx& indexes);
-  bool writeTableCell(const RowIdx& indexes, const MibCell& cell);
-  // Writes the agent's copy of one cell with the value `convert` makes for
-  // the cell's type; false when there is no such cell or no such value.
-  bool storeCell(const RowIdx& indexes, unsigned int column,
-                 const std::function<bool(const ValueCodec&, Variant&)>& convert);
 
   Variant* value;
-  Table* table;
   TableDef* definition;
-  std::map<unsigned int, FieldType> columns;
-  std::vector<MibCell> prototypes;  // one per published value column
   unsigned int rowStatusColumn = 0;
   int numIdx = -1;
-  std::map<RowIdx, MibRow> rows;
-  netsnmp_tdata_s* tdata = nullptr;
-  netsnmp_table_registration_info_s* tableInfo = nullptr;
+  std::vector<unsigned int> served;          // RowStatus and the published value columns, ascending
+  std::vector<unsigned int> withoutDefault;  // value columns a new row cannot be ready without
+  RowIdx scratch;                            // the index of a request, without an allocation each
 };
 
 }  // namespace Quorvel::Kvan::SNMP

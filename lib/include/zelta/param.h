@@ -98,8 +98,9 @@ class ZELTA_EXPORT Param : public IChangeListener {
   // post-set hooks while the group is active, then deletes `info`.
   void notifyAll(const std::string& reason, const ExtraInfo* info);
 
-  // Writes one cell of a table parameter and mirrors it into the SNMP table.
-  // False only for a non-table parameter or a value kind that no cell takes.
+  // Writes one cell of a table parameter (which the agent serves as it is).
+  // False only for a non-table parameter or a value kind that no cell takes;
+  // a cell the Table refuses still gives true.
   bool setTableCellValue(const RowIdx& idx, const unsigned int& column, const Variant& v);
   // Copies one cell into `out` (UNDEFINED or of the cell's kind); false when
   // the row or the cell is missing.
@@ -137,9 +138,6 @@ class ZELTA_EXPORT Param : public IChangeListener {
   // A single value read from the group file: stored silently. False when it
   // is of another kind than the value held. REQUIRES: library lock held.
   bool loadScalar(Variant&& loaded);
-  // A table row the file reader has written into the Table: handed to the
-  // agent, active at once, with no notice.
-  void publishRow(const RowIdx& index, const TableRow& row);
 
   std::string name;
   std::function<bool(const Variant&, const ExtraInfo*)> validator;

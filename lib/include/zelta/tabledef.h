@@ -191,6 +191,11 @@ using TableRow = std::map<unsigned int, Variant>;
 
 // Rows of a table, keyed by index. Copies share the definition and copy the
 // rows deeply. Lookups, insertions and deletions are logarithmic.
+//
+// Each row also has the RowStatus an SNMP manager sees: active, unless an
+// SNMP manager created the row and has not activated it yet, or deactivated
+// it. Rows the host adds are active; only active rows are written to the
+// group file.
 class ZELTA_EXPORT Table {
  public:
   Table();
@@ -237,13 +242,35 @@ class ZELTA_EXPORT Table {
   TableDef* getDef() const { return def; }
   const std::map<RowIdx, TableRow>& getRows() const { return rows; }
 
+  // RowStatus of a row: 1 active, 2 notInService, 3 notReady (a value column
+  // without a value yet, see setRowStatus); -1 when absent.
+  int getRowStatus(const RowIdx& idx) const;
+  bool isRowActive(const RowIdx& idx) const { return getRowStatus(idx) == 1; }
+  // Makes an existing row active (`active`), or not in service with the value
+  // columns in `unset` still to be given a value: notReady until each of them
+  // is written through setCellValue, notInService then. Nothing for an
+  // absent row.
+  void setRowStatus(const RowIdx& idx, bool active, std::vector<unsigned int> unset = {});
+  // Makes every row active, as a whole new table from the host is.
+  void activateAllRows() { inactive.clear(); }
+  // The value columns of a row still without a value: empty unless notReady.
+  const std::vector<unsigned int>& unsetColumns(const RowIdx& idx) const;
+  // The rows that are not active, in index order, with their unset columns.
+  const std::map<RowIdx, std::vector<unsigned int>>& getInactiveRows() const { return inactive; }
+
   // When 1, SNMP writes to cells of active rows are refused. Never changed by
   // the library.
   uint32_t activeRowsReadOnly;
 
  private:
+  // A cell of `column` got a value: the row is one column nearer readiness.
+  void cellWritten(const RowIdx& idx, unsigned int column);
+
   TableDef* def;
   std::map<RowIdx, TableRow> rows;
+  // Rows that are not active, with their value columns still unset; the
+  // others (nearly always all) cost nothing here.
+  std::map<RowIdx, std::vector<unsigned int>> inactive;
 };
 
 }  // namespace Quorvel::Kvan

@@ -374,7 +374,9 @@ bool GroupFileReader::setTableRow(std::string_view value, Param* param) {
   // comes of the line: what addOrUpdateRow would have given it, without
   // making defaults that the line then replaces.
   if (created) table->completeRow(row);
-  if (read) param->publishRow(index, row);
+  // A loaded row is active at once, also one an SNMP manager had not
+  // activated, and nobody is told.
+  if (read) table->setRowStatus(index, true);
   return read;
 }
 
@@ -449,10 +451,19 @@ void appendRowTriplets(std::string& out, TableDef* def, const TableRow& row) {
   }
 }
 
-void appendTableLines(std::string& out, const std::string& name, const Table& table, const std::vector<bool>* keep) {
-  size_t position = 0;
+void appendTableLines(std::string& out, const std::string& name, const Table& table) {
+  // Rows an SNMP manager has not activated are not kept: one merged pass over
+  // the rows and the (few) inactive ones, both in index order.
+  const auto& inactive = table.getInactiveRows();
+  auto skip = inactive.begin();
   for (const auto& [index, row] : table.getRows()) {
-    if (keep != nullptr && !(*keep)[position++]) continue;
+    while (skip != inactive.end() && skip->first < index) ++skip;
+    if (skip != inactive.end() && skip->first == index) {
+      LogChannel& channel = Log["libzelta"];
+      if (channel.level >= DEBUG)
+        channel.append(DEBUG, "DynMibTable: row {%s} is not ACTIVE!\n", Common::flatten(index).c_str());
+      continue;
+    }
     out += name;
     // The index as Common::flatten writes it.
     for (unsigned long component : index) {

@@ -106,9 +106,9 @@ bool appendScalarLine(std::string& out, const std::string& name, ValueType type,
 // out when the column after it is an index column or the RowStatus column:
 // existing files were written so.
 void appendRowTriplets(std::string& out, TableDef* def, const TableRow& row);
-// Appends one line per row of `table`, leaving out the rows whose flag in
-// `keep` (one per row, in index order) is false; null keeps every row.
-void appendTableLines(std::string& out, const std::string& name, const Table& table, const std::vector<bool>* keep);
+// Appends one line per active row of `table` (rows an SNMP manager has not
+// activated are left out).
+void appendTableLines(std::string& out, const std::string& name, const Table& table);
 
 }  // namespace groupfile
 }  // namespace Quorvel::Kvan

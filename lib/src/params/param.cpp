@@ -110,9 +110,11 @@ void Param::setValue(const Variant& v) {
   // A table is copied into the Table object the parameter already holds: a
   // published table's SNMP side keeps pointing at that object.
   if (&v != &value && value.getType() == VariantType::TABLEDEF && v.getType() == VariantType::TABLEDEF) {
-    *value.getMutableTable() = v.getTable();
-    // The agent serves, and the next save writes, exactly the new rows.
-    if (auto* snmpTable = snmpEntryAs<SNMP::DynMibTable>()) snmpTable->reloadFromTable();
+    Table& table = *value.getMutableTable();
+    table = v.getTable();
+    // The agent serves, and the next save writes, exactly the new rows, each
+    // active.
+    table.activateAllRows();
     return;
   }
   value = v;
@@ -168,18 +170,9 @@ bool Param::setTableCellValue(const RowIdx& idx, const unsigned int& column, con
     return false;
   }
   LibraryLockGuard lock(libraryMutex());
-  // The table's answer is deliberately not looked at: the SNMP side is
-  // mirrored whatever the table accepted.
+  // The table's answer is deliberately not looked at: a refused write still
+  // returns true. A published table is served from this very Table.
   value.getMutableTable()->setCellValue(idx, column, v);
-  if (SNMP::DynMibTable* snmpTable = snmpEntryAs<SNMP::DynMibTable>()) {
-    if (kind == VariantType::STRING)
-      snmpTable->setCellValue(idx, column, v.getString());
-    else if (kind == VariantType::LOGADDRMAIN)
-      snmpTable->setCellValue(idx, column, Common::logaddrMainToString(v.getLogaddrMain()));
-    else
-      snmpTable->setCellValue(idx, column,
-                              kind == VariantType::LONG ? v.getLong() : static_cast<long>(v.getTimeTicks().value));
-  }
   return true;
 }
 
@@ -210,10 +203,6 @@ bool Param::loadScalar(Variant&& loaded) {
   if (value.getType() != VariantType::UNDEFINED && value.getType() != loaded.getType()) return false;
   value = std::move(loaded);
   return true;
-}
-
-void Param::publishRow(const RowIdx& index, const TableRow& row) {
-  if (auto* snmpTable = snmpEntryAs<SNMP::DynMibTable>()) snmpTable->loadRow(index, row);
 }
 
 // ---- Group-file text
@@ -256,17 +245,10 @@ void Param::appendFileText(std::string& out) {
     groupfile::appendScalarLine(out, name, type, value);
 }
 
-// REQUIRES: library lock held (the rows and the agent's row states are read).
+// REQUIRES: library lock held (the rows and their states are read).
 void Param::appendTableText(std::string& out) {
   libraryMutex().assertHeld();
-  const Table& table = *value.getMutableTable();
-  // Rows an SNMP manager has not activated yet are not kept.
-  if (auto* snmpTable = snmpEntryAs<SNMP::DynMibTable>()) {
-    const std::vector<bool> active = snmpTable->activeRowFlags(table);
-    groupfile::appendTableLines(out, name, table, &active);
-  } else {
-    groupfile::appendTableLines(out, name, table, nullptr);
-  }
+  groupfile::appendTableLines(out, name, *value.getMutableTable());
 }
 
 std::string Param::flattenTableRow(TableDef* def, TableRow& row) {

@@ -1,11 +1,15 @@
-// DynMibTable: a table parameter served through Net-SNMP's table_tdata
-// helper, with RowStatus row creation and deletion.
+// DynMibTable: a table parameter served straight from its Table, through one
+// Net-SNMP handler registered at the table's OID, with RowStatus row creation
+// and deletion.
 //
-// A SET runs in Net-SNMP's phases: RESERVE1 checks each binding on its own
-// (type, length, range, index), RESERVE2 checks the bindings of one row
-// together (RowStatus transitions, readiness), ACTION asks the column
-// validators, and COMMIT applies the whole PDU. Nothing changes before
-// COMMIT, so a refused binding leaves every row as it was.
+// GET and GETNEXT read the Table: a cell is entry.column.index, and GETNEXT
+// walks the served columns in turn, each over the rows in index order, found
+// by binary search in the Table's sorted rows. A SET runs in Net-SNMP's
+// phases: RESERVE1 checks each binding on its own (type, length, range,
+// index), RESERVE2 checks the bindings of one row together (RowStatus
+// transitions, readiness), ACTION asks the column validators, and COMMIT
+// applies the whole PDU. Nothing changes before COMMIT, so a refused binding
+// leaves every row as it was.
 #include "snmp/snmpinternal.h"
 
 #include <algorithm>
@@ -28,9 +32,12 @@ enum RowStatus { kActive = 1, kNotInService = 2, kNotReady = 3, kCreateAndGo = 4
 
 const long kCellSet = 5;
 
+// One cell a SET PDU writes, checked.
 struct PendingCell {
   netsnmp_request_info* request;
-  MibCell cell;
+  unsigned int column;
+  ValueType type;
+  SnmpValue value;
 };
 
 // What one SET PDU asks of one row.
@@ -40,6 +47,10 @@ struct PendingRow {
   int status = 0;  // requested RowStatus, 0 = none
   netsnmp_request_info* statusRequest = nullptr;
   std::vector<PendingCell> cells;
+
+  bool sets(unsigned int column) const {
+    return std::any_of(cells.begin(), cells.end(), [&](const PendingCell& c) { return c.column == column; });
+  }
 };
 
 // What one SET PDU asks of one table; lives with the PDU.
@@ -61,16 +72,32 @@ void freePendingSet(void* data) { delete static_cast<PendingSet*>(data); }
 
 // Type, length and bounds of a SET value for a cell of `field`: 0 or the
 // error status; `out` then holds the value.
-int checkCellValue(const FieldType& field, const netsnmp_variable_list& vb, MibCell& out) {
+int checkCellValue(const FieldType& field, const netsnmp_variable_list& vb, SnmpValue& out) {
   const SnmpCodec* codec = SnmpCodec::of(field.type);
   if (codec == nullptr) return SNMP_ERR_NOTWRITABLE;
   const Bounds bounds(field.min, field.max);
   const int status = codec->checkSet(vb, bounds, out);
   if (status != SNMP_ERR_NOERROR) return status;
-  if (!codec->inRange(out, bounds)) return SNMP_ERR_WRONGVALUE;
-  out.hasValue = true;
-  return SNMP_ERR_NOERROR;
+  return codec->inRange(out, bounds) ? SNMP_ERR_NOERROR : SNMP_ERR_WRONGVALUE;
 }
+
+// Where a binding's name lies below `entry`: its column, and in `index` the
+// sub-identifiers after the column. False when it does not lie below the
+// entry (the entry itself included).
+struct CellName {
+  unsigned long column = 0;
+  const oid* index = nullptr;
+  size_t indexLength = 0;
+
+  bool parse(const std::vector<unsigned long>& entry, const netsnmp_variable_list& vb) {
+    const size_t length = entry.size();
+    if (length == 0 || vb.name_length <= length || !std::equal(entry.begin(), entry.end(), vb.name)) return false;
+    column = vb.name[length];
+    index = vb.name + length + 1;
+    indexLength = vb.name_length - length - 1;
+    return true;
+  }
+};
 
 }  // namespace
 
@@ -87,11 +114,21 @@ struct DynMibTable::Handler {
     std::lock_guard lock(agentLock());
     switch (reqinfo->mode) {
       case MODE_GET:
-        self->get_request(reqinfo, requests);
+      case MODE_GETNEXT:
+        for (netsnmp_request_info* request = requests; request != nullptr; request = request->next) {
+          if (request->processed) continue;
+          if (reqinfo->mode == MODE_GET)
+            self->get_request(reqinfo, request);
+          else
+            self->get_next_request(reqinfo, request);
+        }
         break;
-      case MODE_SET_RESERVE1:
-        self->prepare_set_request(reqinfo, requests, pendingSet(reqinfo, reginfo, true));
+      case MODE_SET_RESERVE1: {
+        void* pending = pendingSet(reqinfo, reginfo, true);
+        for (netsnmp_request_info* request = requests; request != nullptr; request = request->next)
+          if (!request->processed) self->prepare_set_request(reqinfo, request, pending);
         break;
+      }
       case MODE_SET_RESERVE2:
       case MODE_SET_ACTION:
       case MODE_SET_COMMIT: {
@@ -130,89 +167,157 @@ struct DynMibTable::Handler {
   }
 };
 
-void DynMibTable::get_request(netsnmp_agent_request_info_s* reqinfo, netsnmp_request_info_s* requests) {
-  const bool hidden = get_access() == NOACCESS;
-  for (netsnmp_request_info* request = requests; request != nullptr; request = request->next) {
-    if (request->processed) continue;
-    if (hidden) {
-      // Made NOACCESS at run time: hidden like a table never published.
-      netsnmp_set_request_error(reqinfo, request, SNMP_NOSUCHOBJECT);
-      continue;
+void DynMibTable::get_request(netsnmp_agent_request_info_s* reqinfo, netsnmp_request_info_s* request) {
+  CellName name;
+  // Outside the columns, or made NOACCESS at run time: hidden like a table
+  // never published.
+  if (get_access() == NOACCESS || !name.parse(oidParts(), *request->requestvb) || served.empty() ||
+      name.column < served.front() || name.column > served.back()) {
+    netsnmp_set_request_error(reqinfo, request, SNMP_NOSUCHOBJECT);
+    return;
+  }
+  const auto column = static_cast<unsigned int>(name.column);
+  const auto& rows = table().getRows();
+  scratch.assign(name.index, name.index + name.indexLength);
+  if (!servable(scratch) || rows.count(scratch) == 0) {
+    netsnmp_set_request_error(reqinfo, request, SNMP_NOSUCHINSTANCE);
+    return;
+  }
+  if (!callFiller(scratch, column)) {
+    internal::setReadError(reqinfo, request, SNMP_ERR_RESOURCEUNAVAILABLE);
+    return;
+  }
+  // Looked up again: the filler may have changed the table.
+  auto row = rows.find(scratch);
+  if (row == rows.end())
+    netsnmp_set_request_error(reqinfo, request, SNMP_NOSUCHINSTANCE);
+  else
+    answer(reqinfo, request, row->first, row->second, column);
+}
+
+void DynMibTable::get_next_request(netsnmp_agent_request_info_s* reqinfo, netsnmp_request_info_s* request) {
+  // Hidden at run time: the agent goes on with the next registration.
+  if (get_access() == NOACCESS || served.empty()) return;
+  netsnmp_variable_list* vb = request->requestvb;
+  const std::vector<unsigned long>& entry = oidParts();
+  const auto& rows = table().getRows();
+  // Where the walk starts: the first served column at or after the name's,
+  // and in the name's own column the first row after its index (at it, for
+  // an inclusive request: a retry at the start of this registration).
+  auto column = served.begin();
+  auto row = rows.begin();
+  CellName named;
+  if (named.parse(entry, *vb)) {
+    column = std::lower_bound(served.begin(), served.end(), named.column);
+    if (column != served.end() && *column == named.column) {
+      scratch.assign(named.index, named.index + named.indexLength);
+      row = request->inclusive != 0 ? rows.lower_bound(scratch) : rows.upper_bound(scratch);
     }
-    netsnmp_table_request_info* info = netsnmp_extract_table_info(request);
-    if (info == nullptr) continue;
-    RowIdx indexes(info->index_oid, info->index_oid + info->index_oid_len);
-    if (!callFiller(indexes, info->colnum)) {
-      internal::setReadError(reqinfo, request, SNMP_ERR_RESOURCEUNAVAILABLE);
-      continue;
-    }
-    // Looked up again: the filler may have changed the table.
-    auto it = rows.find(indexes);
-    MibCell* cell = it == rows.end() ? nullptr : it->second.cell(info->colnum);
-    if (it == rows.end()) {
-      netsnmp_set_request_error(reqinfo, request, SNMP_NOSUCHINSTANCE);
-    } else if (cell == nullptr && info->colnum != rowStatusColumn) {
-      // A column that is not served; a walk goes on with the next one.
-      netsnmp_set_request_error(reqinfo, request, SNMP_NOSUCHOBJECT);
-    } else if (cell == nullptr) {
-      long status = it->second.rowStatus;
-      snmp_set_var_typed_value(request->requestvb, ASN_INTEGER, &status, sizeof status);
-    } else {
-      SnmpCodec::of(cell->type)->answer(request->requestvb, *cell);
+  } else if (snmp_oid_compare(vb->name, vb->name_length, entry.data(), entry.size()) > 0) {
+    return;  // past the entry: nothing of ours follows
+  }
+  oid name[MAX_OID_LEN];
+  std::copy(entry.begin(), entry.end(), name);
+  for (; column != served.end(); ++column, row = rows.begin()) {
+    name[entry.size()] = *column;
+    while (row != rows.end()) {
+      const RowIdx& indexes = row->first;
+      if (!servable(indexes)) {
+        ++row;
+        continue;
+      }
+      const size_t length = entry.size() + 1 + indexes.size();
+      std::copy(indexes.begin(), indexes.end(), name + entry.size() + 1);
+      // Beyond this registration (or the part of it between two others):
+      // the agent goes on with the next one.
+      if (snmp_oid_compare(name, length, request->range_end, request->range_end_len) >= 0) return;
+      scratch.assign(indexes.begin(), indexes.end());
+      if (!callFiller(scratch, *column)) {
+        snmp_set_var_objid(vb, name, length);
+        internal::setReadError(reqinfo, request, SNMP_ERR_RESOURCEUNAVAILABLE);
+        return;
+      }
+      // The filler may have removed the row, or others: looked up again.
+      row = rows.find(scratch);
+      if (row == rows.end()) {
+        row = rows.upper_bound(scratch);
+        continue;
+      }
+      snmp_set_var_objid(vb, name, length);
+      answer(reqinfo, request, row->first, row->second, *column);
+      return;
     }
   }
 }
 
-void DynMibTable::prepare_set_request(netsnmp_agent_request_info_s* reqinfo, netsnmp_request_info_s* requests,
+void DynMibTable::answer(netsnmp_agent_request_info_s* reqinfo, netsnmp_request_info_s* request,
+                         const RowIdx& indexes, const TableRow& row, unsigned int column) {
+  if (column == rowStatusColumn) {
+    const long status = table().getRowStatus(indexes);
+    snmp_set_var_typed_value(request->requestvb, ASN_INTEGER, &status, sizeof status);
+    return;
+  }
+  auto field = definition->fields.find(column);
+  if (!std::binary_search(served.begin(), served.end(), column) || field == definition->fields.end()) {
+    // A column that is not served; a walk goes on with the next one.
+    netsnmp_set_request_error(reqinfo, request, SNMP_NOSUCHOBJECT);
+    return;
+  }
+  const SnmpCodec& codec = *SnmpCodec::of(field->second.type);
+  SnmpValue cell;
+  // A cell the row lacks, or of a kind the column does not hold, reads as
+  // the column's default.
+  auto found = row.find(column);
+  if (found == row.end() || !codec.toSnmp(found->second, cell)) codec.toSnmp(codec.defaultValue(), cell);
+  codec.answer(request->requestvb, cell);
+}
+
+void DynMibTable::prepare_set_request(netsnmp_agent_request_info_s* reqinfo, netsnmp_request_info_s* request,
                                       void* pendingData) {
   auto& pending = *static_cast<PendingSet*>(pendingData);
-  for (netsnmp_request_info* request = requests; request != nullptr; request = request->next) {
-    if (request->processed) continue;
-    netsnmp_table_request_info* info = netsnmp_extract_table_info(request);
-    if (info == nullptr) continue;
-    const netsnmp_variable_list& vb = *request->requestvb;
-    int status = SNMP_ERR_NOERROR;
-    RowIdx indexes(info->index_oid, info->index_oid + info->index_oid_len);
-    unsigned int column = info->colnum;
-    if (get_access() < READWRITE) {
-      status = SNMP_ERR_NOTWRITABLE;
-    } else if (indexes.empty() || (numIdx != -1 && indexes.size() != static_cast<size_t>(numIdx))) {
-      // No row can ever have this index.
-      status = SNMP_ERR_NOCREATION;
-    } else if (column == rowStatusColumn) {
-      long requested = vbxToLong(vb);
-      if (vb.type != ASN_INTEGER || vb.val.integer == nullptr) {
-        status = SNMP_ERR_WRONGTYPE;
-      } else if (requested < kActive || requested > kDestroy || requested == kNotReady) {
-        status = SNMP_ERR_WRONGVALUE;
-      } else {
-        PendingRow& row = pending.row(indexes, rows.count(indexes) != 0);
-        if (row.status != 0) {
-          status = SNMP_ERR_INCONSISTENTVALUE;  // two RowStatus bindings for one row
-        } else {
-          row.status = static_cast<int>(requested);
-          row.statusRequest = request;
-        }
-      }
+  const netsnmp_variable_list& vb = *request->requestvb;
+  CellName name;
+  const bool below = name.parse(oidParts(), vb);
+  const unsigned long column = name.column;
+  int status = SNMP_ERR_NOERROR;
+  const RowIdx indexes(name.index, name.index + name.indexLength);
+  if (get_access() < READWRITE || !below || served.empty() || column < served.front() || column > served.back()) {
+    status = SNMP_ERR_NOTWRITABLE;
+  } else if (indexes.empty() || (numIdx != -1 && indexes.size() != static_cast<size_t>(numIdx))) {
+    // No row can ever have this index.
+    status = SNMP_ERR_NOCREATION;
+  } else if (column == rowStatusColumn) {
+    long requested = vbxToLong(vb);
+    if (vb.type != ASN_INTEGER || vb.val.integer == nullptr) {
+      status = SNMP_ERR_WRONGTYPE;
+    } else if (requested < kActive || requested > kDestroy || requested == kNotReady) {
+      status = SNMP_ERR_WRONGVALUE;
     } else {
-      auto field = columns.find(column);
-      if (field == columns.end() || SnmpCodec::of(field->second.type) == nullptr) {
-        status = SNMP_ERR_NOTWRITABLE;
+      PendingRow& row = pending.row(indexes, table().getRows().count(indexes) != 0);
+      if (row.status != 0) {
+        status = SNMP_ERR_INCONSISTENTVALUE;  // two RowStatus bindings for one row
       } else {
-        MibCell cell;
-        cell.column = column;
-        cell.type = field->second.type;
-        status = checkCellValue(field->second, vb, cell);
-        if (status == SNMP_ERR_NOERROR) {
-          PendingRow& row = pending.row(indexes, rows.count(indexes) != 0);
-          for (const PendingCell& other : row.cells)
-            if (other.cell.column == column) status = SNMP_ERR_INCONSISTENTVALUE;  // one cell set twice
-          if (status == SNMP_ERR_NOERROR) row.cells.push_back(PendingCell{request, std::move(cell)});
-        }
+        row.status = static_cast<int>(requested);
+        row.statusRequest = request;
       }
     }
-    if (status != SNMP_ERR_NOERROR) netsnmp_set_request_error(reqinfo, request, status);
+  } else {
+    auto field = definition->fields.find(static_cast<unsigned int>(column));
+    if (field == definition->fields.end() || !std::binary_search(served.begin(), served.end(), column)) {
+      status = SNMP_ERR_NOTWRITABLE;
+    } else {
+      PendingCell cell{request, static_cast<unsigned int>(column), field->second.type, SnmpValue()};
+      status = checkCellValue(field->second, vb, cell.value);
+      if (status == SNMP_ERR_NOERROR) {
+        PendingRow& row = pending.row(indexes, table().getRows().count(indexes) != 0);
+        if (row.sets(cell.column))
+          status = SNMP_ERR_INCONSISTENTVALUE;  // one cell set twice
+        else
+          row.cells.push_back(std::move(cell));
+      }
+    }
   }
+  if (status != SNMP_ERR_NOERROR) netsnmp_set_request_error(reqinfo, request, status);
 }
 
 void DynMibTable::check_row_transitions(netsnmp_agent_request_info_s* reqinfo, void* pendingRef) {
@@ -220,12 +325,10 @@ void DynMibTable::check_row_transitions(netsnmp_agent_request_info_s* reqinfo, v
   for (PendingRow& row : pending.rows) {
     netsnmp_request_info* blame = row.statusRequest != nullptr ? row.statusRequest : row.cells.front().request;
     int status = SNMP_ERR_NOERROR;
-    // Readiness once this PDU's values are in.
-    auto current = rows.find(row.indexes);
-    MibRow after = current != rows.end() ? current->second : newRow();
-    for (const PendingCell& c : row.cells)
-      if (MibCell* cell = after.cell(c.cell.column)) cell->hasValue = true;
-    bool ready = after.isReady();
+    // Ready once this PDU's values are in: each column still without a
+    // value gets one here.
+    const std::vector<unsigned int>& unset = row.existed ? table().unsetColumns(row.indexes) : withoutDefault;
+    const bool ready = std::all_of(unset.begin(), unset.end(), [&](unsigned int c) { return row.sets(c); });
     if (!row.existed) {
       if (row.status == 0) {
         status = SNMP_ERR_NOCREATION;  // cells of a row nobody creates
@@ -255,29 +358,25 @@ void DynMibTable::check_row_transitions(netsnmp_agent_request_info_s* reqinfo, v
 
 void DynMibTable::validate_set_request(netsnmp_agent_request_info_s* reqinfo, void* pendingRef) {
   auto& pending = *static_cast<PendingSet*>(pendingRef);
-  size_t indexColumnCount = definition != nullptr ? definition->indexColumns.size() : 0;
+  const size_t indexColumnCount = definition->indexColumns.size();
   for (PendingRow& row : pending.rows) {
-    auto current = rows.find(row.indexes);
-    bool activeNow = current != rows.end() && current->second.rowStatus == kActive;
+    const bool activeNow = table().isRowActive(row.indexes);
     for (PendingCell& c : row.cells) {
       int status = SNMP_ERR_NOERROR;
-      const unsigned int column = c.cell.column;
-      const FieldType* field = nullptr;
-      if (definition != nullptr) {
-        auto found = definition->fields.find(column);
-        if (found != definition->fields.end()) field = &found->second;
-      }
-      if (table->activeRowsReadOnly == 1 && activeNow) {
+      auto field = definition->fields.find(c.column);
+      if (table().activeRowsReadOnly == 1 && activeNow) {
         ZELTA_TRACE();
         status = SNMP_ERR_COMMITFAILED;
-      } else if (field == nullptr || column < indexColumnCount + 1 || field->type != c.cell.type) {
+      } else if (field == definition->fields.end() || c.column < indexColumnCount + 1 ||
+                 field->second.type != c.type) {
         // The Table would refuse the cell.
         ZELTA_TRACE();
         status = SNMP_ERR_COMMITFAILED;
-      } else if (field->validator) {
+      } else if (field->second.validator) {
         // The ExtraInfo is the validator's to read only; it is freed here.
-        ExtraInfo info(row.indexes, kCellSet, static_cast<int>(column));
-        if (!field->validator(SnmpCodec::of(c.cell.type)->fromSnmp(c.cell), &info)) status = SNMP_ERR_COMMITFAILED;
+        ExtraInfo info(row.indexes, kCellSet, static_cast<int>(c.column));
+        if (!field->second.validator(SnmpCodec::of(c.type)->fromSnmp(c.value), &info))
+          status = SNMP_ERR_COMMITFAILED;
       }
       if (status != SNMP_ERR_NOERROR) netsnmp_set_request_error(reqinfo, c.request, status);
     }
@@ -286,57 +385,48 @@ void DynMibTable::validate_set_request(netsnmp_agent_request_info_s* reqinfo, vo
 
 void DynMibTable::commit_set_request(netsnmp_agent_request_info_s* reqinfo, void* pendingRef) {
   auto& pending = *static_cast<PendingSet*>(pendingRef);
+  Table& rows = table();
+  auto write = [&](const RowIdx& indexes, const PendingCell& c) {
+    return rows.setCellValue(indexes, c.column, SnmpCodec::of(c.type)->fromSnmp(c.value));
+  };
   // The row's status after the PDU: destroy once the row is gone.
   auto tellStatus = [&](const PendingRow& p) {
-    auto it = rows.find(p.indexes);
-    Notifier::committedStatus_nolock(*this, *p.statusRequest->requestvb,
-                                     it != rows.end() ? it->second.rowStatus : kDestroy, reqinfo->asp,
-                                     p.statusRequest->index);
+    const int status = rows.getRowStatus(p.indexes);
+    Notifier::committedStatus_nolock(*this, *p.statusRequest->requestvb, status != -1 ? status : kDestroy,
+                                     reqinfo->asp, p.statusRequest->index);
   };
   for (PendingRow& pendingRow : pending.rows) {
     const RowIdx& indexes = pendingRow.indexes;
     if (!pendingRow.existed) {
       if (pendingRow.status != kCreateAndGo && pendingRow.status != kCreateAndWait) continue;
-      // The row is born with this PDU's cell values: they reach the Table
-      // with the creation, without a notice of their own.
-      MibRow created = newRow();
-      for (const PendingCell& c : pendingRow.cells)
-        if (MibCell* cell = created.cell(c.cell.column)) *cell = c.cell;
-      created.rowStatus = created.isReady() ? kNotInService : kNotReady;
-      auto it = rows.emplace(indexes, std::move(created)).first;
-      if (tdata != nullptr) insertTdataRow_nolock(indexes, it->second);
-      table->addOrUpdateRow(indexes);
-      refreshDataOnCreateRow(indexes);
+      // The row is born with this PDU's cell values, without a notice of
+      // their own, and not in service until activated: not ready while a
+      // column without default has no value.
+      rows.addOrUpdateRow(indexes);
+      rows.setRowStatus(indexes, false, withoutDefault);
+      for (const PendingCell& c : pendingRow.cells) write(indexes, c);
       row_added(indexes);
-      if (pendingRow.status == kCreateAndGo) {
-        it = rows.find(indexes);
-        if (it != rows.end()) row_activated(indexes, it->second);
-      }
+      if (pendingRow.status == kCreateAndGo) row_activated(indexes);
       for (const PendingCell& c : pendingRow.cells)
         Notifier::committed_nolock(*this, *c.request->requestvb, reqinfo->asp, c.request->index);
       tellStatus(pendingRow);
       continue;
     }
     for (const PendingCell& c : pendingRow.cells) {
-      auto it = rows.find(indexes);
-      MibCell* cell = it == rows.end() ? nullptr : it->second.cell(c.cell.column);
-      if (cell == nullptr) continue;  // removed by a listener meanwhile
-      *cell = c.cell;
-      if (it->second.rowStatus == kNotReady && it->second.isReady()) it->second.rowStatus = kNotInService;
-      if (!writeTableCell(indexes, c.cell)) {
+      if (rows.getRows().count(indexes) == 0) continue;  // removed by a listener meanwhile
+      if (!write(indexes, c)) {
         ZELTA_TRACE();
         netsnmp_set_request_error(reqinfo, c.request, SNMP_ERR_COMMITFAILED);
         continue;
       }
-      notify("set row field value", indexes, kCellSet, static_cast<int>(c.cell.column));
+      notify("set row field value", indexes, kCellSet, static_cast<int>(c.column));
       Notifier::committed_nolock(*this, *c.request->requestvb, reqinfo->asp, c.request->index);
     }
-    auto it = rows.find(indexes);
-    if (it == rows.end()) continue;
+    if (rows.getRows().count(indexes) == 0) continue;
     if (pendingRow.status == kActive) {
-      row_activated(indexes, it->second);
+      row_activated(indexes);
     } else if (pendingRow.status == kNotInService) {
-      row_deactivated(indexes, it->second);
+      row_deactivated(indexes);
     } else if (pendingRow.status == kDestroy) {
       row_delete(indexes);
     }
@@ -348,8 +438,7 @@ void DynMibTable::commit_set_request(netsnmp_agent_request_info_s* reqinfo, void
 
 DynMibTable::DynMibTable(SNMPInfo* info, Variant* boundValue)
     : MibEntry(info->getOid(), info->getAccess()), value(boundValue) {
-  table = value->getMutableTable();
-  definition = table->getDef();
+  definition = table().getDef();
   Log["libzelta"].append(VERBOSE, "DynMibTable:  oid:   .%s\n", getOid().c_str());
   if (definition == nullptr)
     Log["libzelta"].append(ERROR, "DynMibTable: .%s has no table definition, it cannot be published\n",
@@ -375,56 +464,45 @@ void DynMibTable::initRowStatus() { rowStatusColumn = definition != nullptr ? de
 void DynMibTable::initFields() {
   if (definition == nullptr) return;
   Log["libzelta"].append(VERBOSE, "DynMibTable: fields size: %d\n", static_cast<int>(definition->fields.size()));
+  if (rowStatusColumn != 0) served.push_back(rowStatusColumn);
   for (const auto& [column, field] : definition->fields) {
-    columns[column] = field;
-    MibCell prototype;
-    if (makeLeaf(column, field, prototype))
-      prototypes.push_back(prototype);
-    else
+    if (makeLeaf(field)) {
+      served.push_back(column);
+      // Until set, an address keeps a new row from being ready.
+      if (!ValueCodec::of(field.type)->hasCellDefault()) withoutDefault.push_back(column);
+    } else {
       ZELTA_TRACE();
+    }
     Log["libzelta"].append(VERBOSE, "DynMibTable: field: .%s.%u\n", getOid().c_str(), column);
   }
+  std::sort(served.begin(), served.end());
+  served.erase(std::unique(served.begin(), served.end()), served.end());
 }
 
 void DynMibTable::initValues() {
-  RowIdx empty;
-  std::vector<std::pair<RowIdx, TableRow>> existing;
-  for (const auto& [indexes, row] : table->getRows()) existing.emplace_back(indexes, row);
-  for (auto& [indexes, row] : existing) {
-    Log["libzelta"].append(VERBOSE, "DynMibTable: adding new row with indexes {%s}\n",
-                           Common::flatten(indexes).c_str());
-    addRow(indexes, row);
-  }
+  // The rows already in the Table are served as they are.
+  LogChannel& channel = Log["libzelta"];
+  if (channel.level < VERBOSE) return;
+  for (const auto& entry : table().getRows())
+    channel.append(VERBOSE, "DynMibTable: adding new row with indexes {%s}\n", Common::flatten(entry.first).c_str());
 }
 
-bool DynMibTable::makeLeaf(unsigned int column, const FieldType& field, MibCell& out) const {
-  out = MibCell();
-  out.column = column;
-  out.type = field.type;
-  const SnmpCodec* codec = SnmpCodec::of(field.type);
-  if (codec == nullptr) {
-    Log["libzelta"].append(ERROR, "DynMibTable: unhandled type %d\n", static_cast<int>(field.type));
+bool DynMibTable::makeLeaf(const FieldType& field) const {
+  if (SnmpCodec::of(field.type) != nullptr) return true;
+  Log["libzelta"].append(ERROR, "DynMibTable: unhandled type %d\n", static_cast<int>(field.type));
+  return false;
+}
+
+bool DynMibTable::servable(const RowIdx& indexes) const {
+  if (indexes.empty() || (numIdx != -1 && indexes.size() != static_cast<size_t>(numIdx)) ||
+      oidParts().size() + 1 + indexes.size() > internal::kMaxOidLen)
     return false;
-  }
-  // Until set, an address reads as zeros and keeps its row from being ready.
-  codec->toSnmp(codec->defaultValue(), out);
-  out.hasValue = codec->hasCellDefault();
-  return true;
-}
-
-MibRow DynMibTable::newRow() const {
-  MibRow row;
-  row.cells = prototypes;
-  return row;
+  return std::all_of(indexes.begin(), indexes.end(), [](unsigned long c) { return c <= 0xFFFFFFFFul; });
 }
 
 // ---- Host operations
 
 bool DynMibTable::addRow(std::vector<unsigned long> indexes, std::map<unsigned int, Variant> row) {
-  return loadRow(indexes, row);
-}
-
-bool DynMibTable::loadRow(const RowIdx& indexes, const TableRow& row) {
   if (numIdx != -1 && static_cast<size_t>(numIdx) != indexes.size()) {
     Log["libzelta"].append(DEBUG, "DynMibTable: cannot add row, indexes must be %d and %d were provided!\n", numIdx,
                            static_cast<int>(indexes.size()));
@@ -440,47 +518,13 @@ bool DynMibTable::loadRow(const RowIdx& indexes, const TableRow& row) {
       return false;
     }
   std::lock_guard lock(agentLock());
-  // Files list rows in index order: a row after the last one is appended
-  // without a search.
-  auto it = !rows.empty() && rows.rbegin()->first < indexes ? rows.end() : rows.find(indexes);
-  if (it == rows.end()) it = insertRow_nolock(rows.end(), indexes);
-  table->addOrUpdateRow(indexes);
-  loadActiveRow_nolock(it->second, row);
-  return true;
-}
-
-void DynMibTable::reloadFromTable() {
-  std::lock_guard lock(agentLock());
-  // One merged pass over both sorted row sets: rows the Table no longer has
-  // go, the others take the Table's cells.
-  auto mine = rows.begin();
-  for (const auto& [indexes, row] : table->getRows()) {
-    while (mine != rows.end() && mine->first < indexes) eraseRow_nolock(mine++);
-    const bool usable = !indexes.empty() && (numIdx == -1 || static_cast<size_t>(numIdx) == indexes.size());
-    if (!usable) continue;
-    if (mine == rows.end() || indexes < mine->first) mine = insertRow_nolock(mine, indexes);
-    loadActiveRow_nolock(mine->second, row);
-    ++mine;
-  }
-  while (mine != rows.end()) eraseRow_nolock(mine++);
-}
-
-std::map<RowIdx, MibRow>::iterator DynMibTable::insertRow_nolock(std::map<RowIdx, MibRow>::iterator hint,
-                                                                 const RowIdx& indexes) {
-  auto it = rows.emplace_hint(hint, indexes, newRow());
-  if (tdata != nullptr) insertTdataRow_nolock(indexes, it->second);
-  return it;
-}
-
-void DynMibTable::loadActiveRow_nolock(MibRow& agentRow, const TableRow& row) {
-  for (const auto& [column, cellValue] : row) {
-    MibCell* cell = agentRow.cell(column);
-    // A cell of a kind the column does not take keeps its value.
-    if (cell != nullptr) SnmpCodec::of(cell->type)->toSnmp(cellValue, *cell);
-  }
+  Table& rows = table();
+  rows.addOrUpdateRow(indexes);
+  // A cell of a kind the column does not take keeps its value.
+  for (const auto& [column, cell] : row) rows.setCellValue(indexes, column, cell);
   // A loaded row is active at once, defaults included, and nobody is told.
-  for (MibCell& cell : agentRow.cells) cell.hasValue = true;
-  agentRow.rowStatus = kActive;
+  rows.setRowStatus(indexes, true);
+  return true;
 }
 
 bool DynMibTable::isRowActive(const std::vector<unsigned long>& indexes) {
@@ -491,79 +535,70 @@ bool DynMibTable::isRowActive(const std::vector<unsigned long>& indexes) {
 
 void DynMibTable::removeRow(const std::vector<unsigned long>& indexes) {
   std::lock_guard lock(agentLock());
+  Table& rows = table();
   bool wasActive = false;
-  auto it = rows.find(indexes);
-  if (it != rows.end()) {
+  if (rows.getRows().count(indexes) != 0) {
     ZELTA_TRACE();
-    wasActive = it->second.rowStatus == kActive;
-    eraseRow_nolock(it);
+    wasActive = rows.isRowActive(indexes);
   }
   if (wasActive) notify("new row deactivated", indexes, 4, -1);
-  table->deleteRow(indexes);
+  rows.deleteRow(indexes);
   notify("removed row", indexes, 2, -1);
 }
 
 void DynMibTable::removeRow(const std::string& index) { removeRow(convertToIndexOids(index)); }
 
-MibCell* DynMibTable::getCell(const std::vector<unsigned long>& indexes, const unsigned int& column) {
+Variant* DynMibTable::getCell(const std::vector<unsigned long>& indexes, const unsigned int& column) {
   std::lock_guard lock(agentLock());
-  auto it = rows.find(indexes);
-  MibCell* cell = it == rows.end() ? nullptr : it->second.cell(column);
-  if (cell == nullptr) ZELTA_TRACE();
-  return cell;
+  Table& rows = table();
+  if (rows.getRows().count(indexes) != 0) {
+    TableRow& row = rows[indexes];
+    auto cell = row.find(column);
+    if (cell != row.end()) return &cell->second;
+  }
+  ZELTA_TRACE();
+  return nullptr;
 }
 
 bool DynMibTable::setCellValue(const std::vector<unsigned long>& indexes, const unsigned int& column,
                                const long& newValue) {
-  return storeCell(indexes, column,
-                   [&](const ValueCodec& codec, Variant& out) { return codec.fromNumber(newValue, out); });
+  std::lock_guard lock(agentLock());
+  const FieldType* field = writableCell(indexes, column);
+  Variant converted;
+  return field != nullptr &&
+         storeCell(indexes, column, ValueCodec::of(field->type)->fromNumber(newValue, converted), converted);
 }
 
 bool DynMibTable::setCellValue(const std::vector<unsigned long>& indexes, const unsigned int& column,
                                const std::string& newValue) {
-  return storeCell(indexes, column,
-                   [&](const ValueCodec& codec, Variant& out) { return codec.fromText(newValue, out); });
+  std::lock_guard lock(agentLock());
+  const FieldType* field = writableCell(indexes, column);
+  Variant converted;
+  return field != nullptr &&
+         storeCell(indexes, column, ValueCodec::of(field->type)->fromText(newValue, converted), converted);
 }
 
-bool DynMibTable::storeCell(const RowIdx& indexes, unsigned int column,
-                            const std::function<bool(const ValueCodec&, Variant&)>& convert) {
-  std::lock_guard lock(agentLock());
-  MibCell* cell = getCell(indexes, column);
-  if (cell == nullptr) return false;
-  const SnmpCodec& codec = *SnmpCodec::of(cell->type);
-  Variant converted;
+const FieldType* DynMibTable::writableCell(const RowIdx& indexes, unsigned int column) {
+  const FieldType* field = nullptr;
+  if (definition != nullptr && table().getRows().count(indexes) != 0) {
+    auto found = definition->fields.find(column);
+    if (found != definition->fields.end() && ValueCodec::of(found->second.type) != nullptr) field = &found->second;
+  }
+  if (field == nullptr) ZELTA_TRACE();
+  return field;
+}
+
+bool DynMibTable::storeCell(const RowIdx& indexes, unsigned int column, bool converted, const Variant& cell) {
   // A value the cell cannot take (a number for a string column, a text that
   // is no address) leaves it as it was.
-  if (!convert(codec, converted) || !codec.toSnmp(converted, *cell)) {
-    ZELTA_TRACE();
-    return false;
-  }
-  cell->hasValue = true;
-  MibRow& row = rows.find(indexes)->second;
-  if (row.rowStatus == kNotReady && row.isReady()) row.rowStatus = kNotInService;
-  return true;
-}
-
-std::vector<bool> DynMibTable::activeRowFlags(const Table& content) {
-  std::lock_guard lock(agentLock());
-  std::vector<bool> flags;
-  flags.reserve(content.getRows().size());
-  auto mine = rows.begin();
-  for (const auto& entry : content.getRows()) {
-    const RowIdx& index = entry.first;
-    while (mine != rows.end() && mine->first < index) ++mine;
-    const bool active = mine != rows.end() && mine->first == index && mine->second.rowStatus == kActive;
-    if (!active)
-      Log["libzelta"].append(DEBUG, "DynMibTable: row {%s} is not ACTIVE!\n", Common::flatten(index).c_str());
-    flags.push_back(active);
-  }
-  return flags;
+  if (converted && table().setCellValue(indexes, column, cell)) return true;
+  ZELTA_TRACE();
+  return false;
 }
 
 int DynMibTable::getRowStatus(const std::vector<unsigned long>& indexes) {
   std::lock_guard lock(agentLock());
-  auto it = rows.find(indexes);
-  return it == rows.end() ? -1 : it->second.rowStatus;
+  return table().getRowStatus(indexes);
 }
 
 int DynMibTable::getRowStatus(const std::string& index) { return getRowStatus(convertToIndexOids(index)); }
@@ -581,6 +616,7 @@ std::vector<unsigned long> DynMibTable::convertToIndexOids(const std::string& te
 bool DynMibTable::findCellCoords(const std::string& text, std::vector<unsigned long>& indexes, int& column) {
   std::vector<unsigned long> parts = convertToIndexOids(text);
   std::lock_guard lock(agentLock());
+  const auto& rows = table().getRows();
   for (size_t n = 1; n <= 7 && n < parts.size(); ++n) {
     RowIdx candidate(parts.end() - static_cast<std::ptrdiff_t>(n), parts.end());
     if (rows.count(candidate) != 0) {
@@ -604,11 +640,10 @@ bool DynMibTable::isNewRowCreationRequest(const std::string& text, std::vector<u
 
 void DynMibTable::refreshDataOnCreateRow(const std::vector<unsigned long>& indexes) {
   std::lock_guard lock(agentLock());
+  const auto& rows = table().getRows();
   auto it = rows.find(indexes);
-  const MibRow* mtRow = it == rows.end() ? nullptr : &it->second;
+  const TableRow* mtRow = it == rows.end() ? nullptr : &it->second;
   ZELTA_ASSERT(mtRow != nullptr, "mtRow != __null");
-  for (const MibCell& cell : mtRow->cells)
-    if (definition != nullptr && definition->fields.count(cell.column) != 0) writeTableCell(indexes, cell);
 }
 
 bool DynMibTable::callFiller(const std::vector<unsigned long>& indexes, unsigned int column) {
@@ -628,61 +663,28 @@ void DynMibTable::notify(const char* reason, const RowIdx& indexes, int actionCo
 
 void DynMibTable::row_added(const RowIdx& indexes) { notify("new row created", indexes, 1, -1); }
 
-void DynMibTable::row_activated(const RowIdx& indexes, MibRow& row) {
-  if (row.rowStatus == kActive) return;
-  row.rowStatus = kActive;
+void DynMibTable::row_activated(const RowIdx& indexes) {
+  if (table().isRowActive(indexes)) return;
+  table().setRowStatus(indexes, true);
   notify("new row activated", indexes, 3, -1);
 }
 
-void DynMibTable::row_deactivated(const RowIdx& indexes, MibRow& row) {
-  if (row.rowStatus != kActive) return;
+void DynMibTable::row_deactivated(const RowIdx& indexes) {
+  if (!table().isRowActive(indexes)) return;
   notify("new row deactivated", indexes, 4, -1);
-  // The listener may have removed the row meanwhile.
-  auto it = rows.find(indexes);
-  if (it != rows.end()) it->second.rowStatus = kNotInService;
+  // The listener may have removed the row meanwhile (then this does nothing).
+  table().setRowStatus(indexes, false);
 }
 
 void DynMibTable::row_delete(const RowIdx& indexes) {
-  auto it = rows.find(indexes);
-  if (it == rows.end()) return;
-  bool wasActive = it->second.rowStatus == kActive;
-  eraseRow_nolock(it);
-  if (wasActive) notify("new row deactivated", indexes, 4, -1);
-  table->deleteRow(indexes);
+  Table& rows = table();
+  if (rows.getRows().count(indexes) == 0) return;
+  if (rows.isRowActive(indexes)) notify("new row deactivated", indexes, 4, -1);
+  rows.deleteRow(indexes);
   notify("new row deleted", indexes, 2, -1);
 }
 
-bool DynMibTable::writeTableCell(const RowIdx& indexes, const MibCell& cell) {
-  const SnmpCodec* codec = SnmpCodec::of(cell.type);
-  return codec != nullptr && table->setCellValue(indexes, cell.column, codec->fromSnmp(cell));
-}
-
 // ---- Registration
-
-bool DynMibTable::insertTdataRow_nolock(const std::vector<unsigned long>& indexes, MibRow& row) {
-  netsnmp_tdata_row* twin = netsnmp_tdata_create_row();
-  if (twin == nullptr) return false;
-  twin->oid_index.oids = static_cast<oid*>(malloc(indexes.size() * sizeof(oid)));
-  if (twin->oid_index.oids == nullptr) {
-    netsnmp_tdata_delete_row(twin);
-    return false;
-  }
-  memcpy(twin->oid_index.oids, indexes.data(), indexes.size() * sizeof(oid));
-  twin->oid_index.len = indexes.size();
-  twin->data = &row;
-  if (netsnmp_tdata_add_row(tdata, twin) != SNMPERR_SUCCESS) {
-    netsnmp_tdata_delete_row(twin);
-    return false;
-  }
-  row.tdataRow = twin;
-  return true;
-}
-
-void DynMibTable::eraseRow_nolock(std::map<RowIdx, MibRow>::iterator it) {
-  if (tdata != nullptr && it->second.tdataRow != nullptr)
-    netsnmp_tdata_remove_and_delete_row(tdata, static_cast<netsnmp_tdata_row*>(it->second.tdataRow));
-  rows.erase(it);
-}
 
 bool DynMibTable::registerEntry() {
   if (isRegistered()) return true;
@@ -695,68 +697,22 @@ bool DynMibTable::registerEntry() {
     Log["libzelta"].append(ERROR, "DynMibTable: .%s has no RowStatus column\n", getOid().c_str());
     return false;
   }
-  std::vector<unsigned int> served{rowStatusColumn};
-  for (const MibCell& prototype : prototypes) served.push_back(prototype.column);
-  std::sort(served.begin(), served.end());
-  served.erase(std::unique(served.begin(), served.end()), served.end());
-
-  tableInfo = SNMP_MALLOC_TYPEDEF(netsnmp_table_registration_info);
-  if (tableInfo == nullptr) return false;
-  // One implied OID index takes every sub-identifier after the column; the
-  // number of components is checked here, per request.
-  netsnmp_table_helper_add_indexes(tableInfo, ASN_PRIV_IMPLIED_OBJECT_ID, 0);
-  // Columns in between that are not served (index columns, types that are
-  // not published) answer noSuchObject, which GETNEXT skips.
-  tableInfo->min_column = served.front();
-  tableInfo->max_column = served.back();
-
-  tdata = netsnmp_tdata_create_table("zeltaTable", 0);
+  // The table OID: the handler sees everything below it and answers what
+  // lies outside the entry's columns as a table does.
   netsnmp_handler_registration* reg = netsnmp_create_handler_registration("zeltaTable", Handler::handle, entry.data(),
                                                                           entry.size() - 1, HANDLER_CAN_RWRITE);
-  if (tdata == nullptr || tdata->container == nullptr || reg == nullptr) {
-    if (reg != nullptr) netsnmp_handler_registration_free(reg);
-    freeRegistrationData_nolock();
-    return false;
-  }
+  if (reg == nullptr) return false;
   reg->handler->myvoid = this;
-  for (auto& [indexes, row] : rows) insertTdataRow_nolock(indexes, row);
-  if (netsnmp_tdata_register(reg, tdata, tableInfo) != MIB_REGISTERED_OK) {
-    freeRegistrationData_nolock();
-    return false;
-  }
+  // On failure Net-SNMP frees the registration itself.
+  if (netsnmp_register_handler(reg) != MIB_REGISTERED_OK) return false;
   registration = reg;
   return true;
 }
 
-void DynMibTable::freeRegistrationData_nolock() {
-  if (tdata != nullptr) {
-    for (auto& [indexes, row] : rows) {
-      if (row.tdataRow != nullptr) netsnmp_tdata_delete_row(static_cast<netsnmp_tdata_row*>(row.tdataRow));
-      row.tdataRow = nullptr;
-    }
-    if (tdata->container != nullptr) CONTAINER_CLEAR(tdata->container, nullptr, nullptr);
-    netsnmp_tdata_delete_table(tdata);
-    tdata = nullptr;
-  }
-  if (tableInfo != nullptr) {
-    netsnmp_table_registration_info_free(tableInfo);
-    tableInfo = nullptr;
-  }
-}
-
 void DynMibTable::unregisterEntry() {
   if (registration == nullptr) return;
-  // Rows first, then the registration (which frees the container), then
-  // the table itself.
-  for (auto& [indexes, row] : rows) {
-    if (row.tdataRow != nullptr) netsnmp_tdata_delete_row(static_cast<netsnmp_tdata_row*>(row.tdataRow));
-    row.tdataRow = nullptr;
-  }
-  CONTAINER_CLEAR(tdata->container, nullptr, nullptr);
-  netsnmp_tdata_unregister(registration);
+  netsnmp_unregister_handler(registration);
   registration = nullptr;
-  tdata->container = nullptr;
-  freeRegistrationData_nolock();
 }
 
 }  // namespace Quorvel::Kvan::SNMP

@@ -254,18 +254,24 @@ bool Notifier::leafChange_nolock(const MibEntry& entry) {
 bool Notifier::cellChange_nolock(const DynMibTable& table, const std::vector<unsigned long>& index,
                                  unsigned int column) {
   Notifier* self = accepting_nolock(table);
-  if (self == nullptr || table.oidParts().empty()) return false;
-  auto row = table.rows.find(index);
-  if (row == table.rows.end()) return false;
-  const MibCell* cell = row->second.cell(column);
-  const SnmpCodec* codec = cell != nullptr ? SnmpCodec::of(cell->type) : nullptr;
-  if (codec == nullptr || !cell->hasValue) return false;
+  if (self == nullptr || table.oidParts().empty() || table.definition == nullptr) return false;
+  const Table& rows = table.table();
+  auto row = rows.getRows().find(index);
+  auto field = table.definition->fields.find(column);
+  if (row == rows.getRows().end() || field == table.definition->fields.end()) return false;
+  const SnmpCodec* codec = SnmpCodec::of(field->second.type);
+  const std::vector<unsigned int>& unset = rows.unsetColumns(index);
+  // A cell without a value yet has nothing to tell.
+  if (codec == nullptr || std::find(unset.begin(), unset.end(), column) != unset.end()) return false;
+  SnmpValue now;
+  auto cell = row->second.find(column);
+  if (cell == row->second.end() || !codec->toSnmp(cell->second, now)) codec->toSnmp(codec->defaultValue(), now);
   Change change;
   change.name = table.oidParts();
   change.name.push_back(column);
   change.name.insert(change.name.end(), index.begin(), index.end());
   change.type = codec->asnType();
-  change.value = codec->bindingBytes(*cell);
+  change.value = codec->bindingBytes(now);
   self->queue_nolock(std::move(change));
   return true;
 }
@@ -273,8 +279,8 @@ bool Notifier::cellChange_nolock(const DynMibTable& table, const std::vector<uns
 bool Notifier::rowChange_nolock(const DynMibTable& table, const std::vector<unsigned long>& index) {
   Notifier* self = accepting_nolock(table);
   if (self == nullptr || table.oidParts().empty() || table.rowStatusColumn == 0 || index.empty()) return false;
-  auto row = table.rows.find(index);
-  const long status = row != table.rows.end() ? row->second.rowStatus : 6;  // destroy
+  const int current = table.table().getRowStatus(index);
+  const long status = current != -1 ? current : 6;  // destroy
   Change change;
   change.name = table.oidParts();
   change.name.push_back(table.rowStatusColumn);

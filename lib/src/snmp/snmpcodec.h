@@ -16,6 +16,14 @@
 
 namespace Quorvel::Kvan::SNMP {
 
+// A value as SNMP carries it: INTEGER and TimeTicks in `num`; the bytes of an
+// OCTET STRING (a logical address: its 8 bytes) and the 4 bytes of an
+// IpAddress in `bytes`.
+struct SnmpValue {
+  long num = 0;
+  std::string bytes;
+};
+
 // The value and SNMP rules of one scalar value type (every ValueType but
 // TABLE).
 class SnmpCodec : public ValueCodec {

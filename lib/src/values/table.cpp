@@ -1,5 +1,6 @@
 // FieldType, TableDef and Table: the shape and the content of table-valued
 // parameters.
+#include <algorithm>
 #include <cstdint>
 #include <string>
 #include <utility>
@@ -157,6 +158,7 @@ bool Table::setCellValue(const RowIdx& idx, const unsigned int& column, const st
   if (field == def->fields.end() || column < def->indexColumns.size() + 1) return false;
   if (field->second.type != STRING && field->second.type != IPADDRESS) return false;
   storeCell(rows[idx], column, value);
+  cellWritten(idx, column);
   Log["libzelta"].append(DEBUG, "Table: setCellValue<str>: %s\n", value.c_str());
   return true;
 }
@@ -167,6 +169,7 @@ bool Table::setCellValue(const RowIdx& idx, const unsigned int& column, const st
 bool Table::setCellValue(const RowIdx& idx, const unsigned int& column, const unsigned char (&value)[8]) {
   if (def->fields[column].type != LOGADDRMAIN) return false;
   storeCell(rows[idx], column, static_cast<const unsigned char*>(value));
+  cellWritten(idx, column);
   Log["libzelta"].append(DEBUG, "Table: setCellValue<str>: %s\n", Common::logaddrMainToString(value).c_str());
   return true;
 }
@@ -183,6 +186,7 @@ bool Table::setCellValue(const RowIdx& idx, const unsigned int& column, const lo
   } else {
     return false;
   }
+  cellWritten(idx, column);
   Log["libzelta"].append(DEBUG, "Table: setCellValue<num>: %d\n", static_cast<int>(value));
   return true;
 }
@@ -203,9 +207,39 @@ bool Table::setCellValue(const RowIdx& idx, const unsigned int& column, const Va
 }
 
 bool Table::deleteRow(const RowIdx& idx) {
+  if (!inactive.empty()) inactive.erase(idx);
   if (rows.erase(idx) != 0) return true;
   ZELTA_TRACE();
   return false;
+}
+
+int Table::getRowStatus(const RowIdx& idx) const {
+  if (rows.count(idx) == 0) return -1;
+  auto it = inactive.find(idx);
+  if (it == inactive.end()) return 1;
+  return it->second.empty() ? 2 : 3;
+}
+
+void Table::setRowStatus(const RowIdx& idx, bool active, std::vector<unsigned int> unset) {
+  if (active) {
+    inactive.erase(idx);
+  } else if (rows.count(idx) != 0) {
+    inactive[idx] = std::move(unset);
+  }
+}
+
+const std::vector<unsigned int>& Table::unsetColumns(const RowIdx& idx) const {
+  static const std::vector<unsigned int> none;
+  auto it = inactive.find(idx);
+  return it == inactive.end() ? none : it->second;
+}
+
+void Table::cellWritten(const RowIdx& idx, unsigned int column) {
+  if (inactive.empty()) return;
+  auto it = inactive.find(idx);
+  if (it == inactive.end()) return;
+  std::vector<unsigned int>& unset = it->second;
+  unset.erase(std::remove(unset.begin(), unset.end(), column), unset.end());
 }
 
 void Table::forEachRow(const std::function<void(const RowIdx&, TableRow&)>&& fn) {
