@@ -38,6 +38,7 @@ enum mib_access { NOACCESS = 0, READONLY = 1, READWRITE = 2, READCREATE = 3 };
 
 class AgentEngine;
 class Notifier;
+class SNMPInfo;
 
 // Base of every published object: its OID, its access and how it registers
 // with the agent. Objects are tied to their address (Net-SNMP points at
@@ -49,7 +50,7 @@ class ZELTA_EXPORT MibEntry {
   MibEntry& operator=(const MibEntry&) = delete;
 
   // The OID as given, without a leading dot.
-  const std::string& getOid() const { return oidText; }
+  std::string getOid() const;
   mib_access get_access() const { return static_cast<mib_access>(access.load()); }
   // True while registered with a running agent.
   bool isRegistered() const { return registration != nullptr; }
@@ -63,7 +64,8 @@ class ZELTA_EXPORT MibEntry {
   bool sendsChangeNotification() const { return changeNotification.load(); }
 
  protected:
-  MibEntry(const std::string& oid, mib_access access);
+  // An object published where `info` says; `info` owns it, and so outlives it.
+  explicit MibEntry(const SNMPInfo& info);
 
   void storeAccess(mib_access mode) { access.store(static_cast<int>(mode)); }
 
@@ -80,7 +82,7 @@ class ZELTA_EXPORT MibEntry {
   friend class AgentEngine;
   friend class ScalarIndex;
 
-  std::string oidText;
+  const std::string* oidText;  // the SNMPInfo's
   std::vector<unsigned long> oidSubIds;
   std::atomic<int> access;
   std::atomic<bool> changeNotification{false};
@@ -148,11 +150,7 @@ class ZELTA_EXPORT MibLeaf : public MibEntry, public IAccessModeChangeable {
   ValueType getType() const { return type; }
   // The bounds SET values are checked against: values of an integer,
   // lengths of a string. False when the leaf has none.
-  bool getBounds(long& min, long& max) const {
-    min = boundMin;
-    max = boundMax;
-    return bounded;
-  }
+  bool getBounds(long& min, long& max) const;
 
   // Handler steps, on the agent thread with the agent lock held.
   // The checks of a SET value: 0, or the error status (notWritable,
@@ -171,8 +169,8 @@ class ZELTA_EXPORT MibLeaf : public MibEntry, public IAccessModeChangeable {
 
  protected:
   // Bounds: value bounds of an integer, length bounds of a string.
-  MibLeaf(SNMPInfo* info, Variant* value, ValueType type, const char* reason);
-  MibLeaf(SNMPInfo* info, Variant* value, ValueType type, const char* reason, long min, long max);
+  MibLeaf(SNMPInfo* info, Variant* value, ValueType type);
+  MibLeaf(SNMPInfo* info, Variant* value, ValueType type, uint32_t min, uint32_t max);
 
   bool registerEntry() override;
   void unregisterEntry() override;
@@ -181,10 +179,11 @@ class ZELTA_EXPORT MibLeaf : public MibEntry, public IAccessModeChangeable {
 
   Variant* value;
   ValueType type;
-  const char* reason;
   bool bounded = false;
-  long boundMin = 0;
-  long boundMax = 0;
+  // The bounds' 32 bits as the host gave them: signed for an integer,
+  // unsigned for a string's lengths.
+  uint32_t boundMin = 0;
+  uint32_t boundMax = 0;
 };
 
 class ZELTA_EXPORT IntMibLeaf : public MibLeaf {

@@ -24,7 +24,6 @@
 #include <cstdio>
 #include <functional>
 #include <string>
-#include <unordered_set>
 #include <utility>
 #include <vector>
 
@@ -188,6 +187,8 @@ class ZELTA_EXPORT ParamGroup {
   bool isActive() const { return active; }
 
   // Enrols a parameter once; a second enrolment only prints a trace marker.
+  // Linear in the group's size (a parameter's constructor enrols it without
+  // the search).
   void addOwnedParam(Param* param);
 
   // Writes the file now. False when it cannot be opened for writing.
@@ -205,6 +206,10 @@ class ZELTA_EXPORT ParamGroup {
   bool isWorkerRunning() const { return workerRunning.load(); }
 
  private:
+  friend class Param;
+
+  // How a parameter's constructor enrols it: without addOwnedParam's search.
+  void enrol(Param* param);
   void workerCode();
   // Sleeps one tick; false when the countdown is to end at once (the process
   // exits, or the group goes away).
@@ -214,7 +219,6 @@ class ZELTA_EXPORT ParamGroup {
   std::string name;
   std::string filePath;
   std::vector<Param*> params;
-  std::unordered_set<const Param*> members;  // the same, for the duplicate check
   std::atomic<int> ticks{0};
   std::atomic<bool> workerRunning{false};
   std::atomic<bool> active{true};

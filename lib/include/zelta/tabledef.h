@@ -110,7 +110,11 @@ class ZELTA_EXPORT Variant {
   // strings and tables by identity; two UNDEFINED values are never equal.
   bool operator==(const Variant& other) const;
 
+#if UINTPTR_MAX > 0xFFFFFFFFu
+  VariantType getType() const { return static_cast<VariantType>(kindAndListener & kKindBits); }
+#else
   VariantType getType() const { return type; }
+#endif
   const long& getLong() const;
   const TimeTicksValue getTimeTicks() const;
   const uint8_t (&getLogaddrMain() const)[8];
@@ -124,7 +128,11 @@ class ZELTA_EXPORT Variant {
   std::string toString() const;
 
   void setListener(IChangeListener* listener);
+#if UINTPTR_MAX > 0xFFFFFFFFu
+  IChangeListener* getListener() const { return reinterpret_cast<IChangeListener*>(kindAndListener & ~kKindBits); }
+#else
   IChangeListener* getListener() const { return listener; }
+#endif
   // True without a listener; otherwise the listener's verdict (ExtraInfo null).
   bool callValidator(const Variant& proposed);
   bool callFiller(const ExtraInfo* info);
@@ -136,8 +144,19 @@ class ZELTA_EXPORT Variant {
   void deleteInternalStorage();
 
  private:
+  void setKind(VariantType kind);
+
+#if UINTPTR_MAX > 0xFFFFFFFFu
+  // The kind and the listener share a word on 64-bit builds: a listener's
+  // address has its low bits clear, so the kind fits there and a table cell
+  // takes 16 bytes instead of 24.
+  static constexpr uintptr_t kKindBits = 7;
+  static_assert(alignof(IChangeListener) > kKindBits, "a listener's address leaves the kind's bits clear");
+  uintptr_t kindAndListener;
+#else
   VariantType type;
   IChangeListener* listener;
+#endif
   union {
     long l;
     TimeTicksValue ticks;

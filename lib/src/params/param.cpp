@@ -16,7 +16,7 @@ Param::Param(ParamGroup& paramGroup, ValueType paramType, Variant initial, SNMP:
     : group(&paramGroup), snmpInfo(info), type(paramType), savePolicy(policy), range(paramRange) {
   fillValue(initial);
   if (isSnmpEntry()) fillSnmpInfo();
-  group->addOwnedParam(this);
+  group->enrol(this);
 }
 
 Param::Param(ParamGroup& paramGroup, ValueType paramType, SNMP::SNMPInfo* info, ParamSavePolicy policy,
@@ -24,7 +24,7 @@ Param::Param(ParamGroup& paramGroup, ValueType paramType, SNMP::SNMPInfo* info, 
     : group(&paramGroup), snmpInfo(info), type(paramType), savePolicy(policy), range(paramRange) {
   fillWithDefaultValue();
   if (isSnmpEntry()) fillSnmpInfo();
-  group->addOwnedParam(this);
+  group->enrol(this);
 }
 
 Param::~Param() = default;

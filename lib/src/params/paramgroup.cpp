@@ -133,7 +133,6 @@ ParamGroup::ParamGroup(const ParamGroup& other)
     : name(other.name),
       filePath(other.filePath),
       params(other.params),
-      members(other.members),
       active(other.active.load()),
       atomicSave(other.atomicSave) {}
 
@@ -142,7 +141,6 @@ ParamGroup& ParamGroup::operator=(const ParamGroup& other) {
     name = other.name;
     filePath = other.filePath;
     params = other.params;
-    members = other.members;
     atomicSave = other.atomicSave;
   }
   return *this;
@@ -154,14 +152,17 @@ void ParamGroup::setParams(const std::string& groupName, const std::string& path
 }
 
 void ParamGroup::addOwnedParam(Param* param) {
-  // A set beside the list: a device with many parameters enrols them in
-  // linear time.
-  if (!members.insert(param).second) {
+  if (std::find(params.begin(), params.end(), param) != params.end()) {
     ZELTA_TRACE();
     return;
   }
   params.push_back(param);
 }
+
+// A parameter under construction cannot be enrolled yet: no search, so that
+// a device with many parameters enrols them in linear time, and nothing
+// beside the list.
+void ParamGroup::enrol(Param* param) { params.push_back(param); }
 
 bool ParamGroup::save() {
   ZELTA_ASSERT(name != kNoName, "name != \"__NO_NAME__\"");

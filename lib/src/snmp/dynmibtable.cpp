@@ -437,7 +437,7 @@ void DynMibTable::commit_set_request(netsnmp_agent_request_info_s* reqinfo, void
 // ---- Construction
 
 DynMibTable::DynMibTable(SNMPInfo* info, Variant* boundValue)
-    : MibEntry(info->getOid(), info->getAccess()), value(boundValue) {
+    : MibEntry(*info), value(boundValue) {
   definition = table().getDef();
   Log["libzelta"].append(VERBOSE, "DynMibTable:  oid:   .%s\n", getOid().c_str());
   if (definition == nullptr)

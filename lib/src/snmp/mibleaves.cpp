@@ -14,14 +14,25 @@ namespace Quorvel::Kvan::SNMP {
 
 // ---- MibLeaf
 
-MibLeaf::MibLeaf(SNMPInfo* info, Variant* boundValue, ValueType valueType, const char* reasonText)
-    : MibEntry(info->getOid(), info->getAccess()), value(boundValue), type(valueType), reason(reasonText) {}
+MibLeaf::MibLeaf(SNMPInfo* info, Variant* boundValue, ValueType valueType)
+    : MibEntry(*info), value(boundValue), type(valueType) {}
 
-MibLeaf::MibLeaf(SNMPInfo* info, Variant* boundValue, ValueType valueType, const char* reasonText, long min, long max)
-    : MibLeaf(info, boundValue, valueType, reasonText) {
+MibLeaf::MibLeaf(SNMPInfo* info, Variant* boundValue, ValueType valueType, uint32_t min, uint32_t max)
+    : MibLeaf(info, boundValue, valueType) {
   bounded = true;
   boundMin = min;
   boundMax = max;
+}
+
+bool MibLeaf::getBounds(long& min, long& max) const {
+  if (type == STRING) {
+    min = static_cast<long>(boundMin);
+    max = static_cast<long>(boundMax);
+  } else {
+    min = static_cast<int32_t>(boundMin);
+    max = static_cast<int32_t>(boundMax);
+  }
+  return bounded;
 }
 
 MibLeaf::~MibLeaf() {
@@ -36,11 +47,27 @@ void MibLeaf::setAccess(mib_access mode) { storeAccess(mode); }
 
 namespace {
 
+// What a leaf's SET is announced with, by the leaf's type: a ranged leaf
+// shares its plain sibling's text, so a listener cannot tell them apart.
+const char* setReason(ValueType type) {
+  static const struct {
+    ValueType type;
+    const char* text;
+  } kReasons[] = {{INTEGER, "set value on int leaf"},
+                  {TIMETICKS, "set value on timeticks leaf"},
+                  {IPADDRESS, "set value on ip address leaf"},
+                  {STRING, "set value on string leaf"},
+                  {LOGADDRMAIN, "set value on logaddr_main_t leaf"}};
+  for (const auto& reason : kReasons)
+    if (reason.type == type) return reason.text;
+  return "";
+}
+
 // Type, length and a string's length bounds, then the validator, then an
 // integer's range: 0 or the status of the first check that fails.
-int checkValue(ValueType type, bool bounded, long min, long max, Variant& value, const ::variable_list& vb) {
+int checkValue(ValueType type, bool bounded, uint32_t min, uint32_t max, Variant& value, const ::variable_list& vb) {
   const SnmpCodec* codec = SnmpCodec::of(type);
-  const Bounds bounds = bounded ? Bounds::of(static_cast<uint32_t>(min), static_cast<uint32_t>(max)) : Bounds();
+  const Bounds bounds = bounded ? Bounds::of(min, max) : Bounds();
   SnmpValue checked;
   const int status = codec->checkSet(vb, bounds, checked);
   if (status != SNMP_ERR_NOERROR) return status;
@@ -73,7 +100,7 @@ int MibLeaf::set_value(const ::variable_list& vb) {
   SnmpValue checked;
   if (codec->checkSet(vb, Bounds(), checked) != SNMP_ERR_NOERROR) return SNMP_ERR_WRONGTYPE;
   *value = codec->fromSnmp(checked);
-  value->notifyListener(reason, nullptr);
+  value->notifyListener(setReason(type), nullptr);
   return SNMP_ERR_NOERROR;
 }
 
@@ -102,34 +129,29 @@ bool MibLeaf::registerEntry() { return false; }
 
 void MibLeaf::unregisterEntry() { registration = nullptr; }
 
-// ---- The seven leaves: a value type, its reason text and its bounds.
+// ---- The seven leaves: a value type and its bounds.
 
-IntMibLeaf::IntMibLeaf(SNMPInfo* info, Variant* boundValue)
-    : MibLeaf(info, boundValue, INTEGER, "set value on int leaf") {}
+IntMibLeaf::IntMibLeaf(SNMPInfo* info, Variant* boundValue) : MibLeaf(info, boundValue, INTEGER) {}
 
 IntMibLeaf::IntMibLeaf(SNMPInfo* info, Variant* boundValue, int min, int max)
-    : MibLeaf(info, boundValue, INTEGER, "set value on int leaf", min, max) {}
+    : MibLeaf(info, boundValue, INTEGER, static_cast<uint32_t>(min), static_cast<uint32_t>(max)) {}
 
 MinMaxIntMibLeaf::MinMaxIntMibLeaf(SNMPInfo* info, Variant* boundValue, int minValue, int maxValue)
     : IntMibLeaf(info, boundValue, minValue, maxValue) {}
 
-TimeTicksMibLeaf::TimeTicksMibLeaf(SNMPInfo* info, Variant* boundValue)
-    : MibLeaf(info, boundValue, TIMETICKS, "set value on timeticks leaf") {}
+TimeTicksMibLeaf::TimeTicksMibLeaf(SNMPInfo* info, Variant* boundValue) : MibLeaf(info, boundValue, TIMETICKS) {}
 
-IPAddressMibLeaf::IPAddressMibLeaf(SNMPInfo* info, Variant* boundValue)
-    : MibLeaf(info, boundValue, IPADDRESS, "set value on ip address leaf") {}
+IPAddressMibLeaf::IPAddressMibLeaf(SNMPInfo* info, Variant* boundValue) : MibLeaf(info, boundValue, IPADDRESS) {}
 
-StringMibLeaf::StringMibLeaf(SNMPInfo* info, Variant* boundValue)
-    : MibLeaf(info, boundValue, STRING, "set value on string leaf") {}
+StringMibLeaf::StringMibLeaf(SNMPInfo* info, Variant* boundValue) : MibLeaf(info, boundValue, STRING) {}
 
 StringMibLeaf::StringMibLeaf(SNMPInfo* info, Variant* boundValue, unsigned int min, unsigned int max)
-    : MibLeaf(info, boundValue, STRING, "set value on string leaf", min, max) {}
+    : MibLeaf(info, boundValue, STRING, min, max) {}
 
 MinMaxStringMibLeaf::MinMaxStringMibLeaf(SNMPInfo* info, Variant* boundValue, unsigned int minLength,
                                          unsigned int maxLength)
     : StringMibLeaf(info, boundValue, minLength, maxLength) {}
 
-LogaddrmainMibLeaf::LogaddrmainMibLeaf(SNMPInfo* info, Variant* boundValue)
-    : MibLeaf(info, boundValue, LOGADDRMAIN, "set value on logaddr_main_t leaf") {}
+LogaddrmainMibLeaf::LogaddrmainMibLeaf(SNMPInfo* info, Variant* boundValue) : MibLeaf(info, boundValue, LOGADDRMAIN) {}
 
 }  // namespace Quorvel::Kvan::SNMP

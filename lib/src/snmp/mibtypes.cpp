@@ -67,10 +67,15 @@ void setReadError(netsnmp_agent_request_info* reqinfo, netsnmp_request_info* req
 
 // ---- MibEntry
 
-MibEntry::MibEntry(const std::string& text, mib_access mode) : access(static_cast<int>(mode)) {
-  oidText = (!text.empty() && text[0] == '.') ? text.substr(1) : text;
-  if (!internal::parseOid(oidText, oidSubIds))
-    Log["libzelta"].append(ERROR, "MibEntry: '%s' is not a valid OID, the object cannot be published\n", text.c_str());
+MibEntry::MibEntry(const SNMPInfo& info) : oidText(&info.getOid()), access(static_cast<int>(info.getAccess())) {
+  if (!internal::parseOid(*oidText, oidSubIds))
+    Log["libzelta"].append(ERROR, "MibEntry: '%s' is not a valid OID, the object cannot be published\n",
+                           oidText->c_str());
+}
+
+std::string MibEntry::getOid() const {
+  const std::string& text = *oidText;
+  return !text.empty() && text[0] == '.' ? text.substr(1) : text;
 }
 
 MibEntry::~MibEntry() = default;

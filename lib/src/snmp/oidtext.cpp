@@ -2,6 +2,7 @@
 // the MIB generator's, which parses the OIDs of its options.
 #include "snmp/snmpinternal.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -12,6 +13,10 @@ bool parseOid(const std::string& text, std::vector<unsigned long>& out) {
   out.clear();
   size_t pos = (!text.empty() && text[0] == '.') ? 1 : 0;
   if (pos >= text.size()) return false;
+  // Exactly the room the sub-identifiers need: published objects keep
+  // their OIDs for good.
+  const auto dots = static_cast<size_t>(std::count(text.begin() + static_cast<std::ptrdiff_t>(pos), text.end(), '.'));
+  out.reserve(std::min(dots + 1, kMaxOidLen));
   while (pos <= text.size()) {
     uint64_t subId = 0;
     size_t digits = 0;

@@ -133,8 +133,10 @@ void ScalarIndex::prefetch(netsnmp_request_info* requests) const {
 }
 
 void ScalarIndex::rehash() {
+  // At least a fifth of the slots stay free: linear probes stay short, and
+  // the table costs 16 bytes per leaf or a little more.
   size_t capacity = 16;
-  while (capacity < 2 * leaves.size()) capacity *= 2;
+  while (capacity * 4 < leaves.size() * 5) capacity *= 2;
   slots.assign(capacity, Slot());
   for (MibLeaf* leaf : leaves) {
     const uint64_t h = hash(leaf->oidParts().data(), leaf->oidParts().size());

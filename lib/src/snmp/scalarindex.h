@@ -74,7 +74,7 @@ class ScalarIndex {
   void rehash();
 
   std::vector<MibLeaf*> leaves;  // sorted by OID, for GETNEXT
-  std::vector<Slot> slots;       // twice as many as leaves, at least 16
+  std::vector<Slot> slots;       // a power of two, at least 5/4 as many as leaves and 16
   std::vector<netsnmp_handler_registration_s*> roots;
 };
 

@@ -182,6 +182,8 @@ std::vector<std::pair<std::string, MibEntry*>> SNMPAgent::publishedEntries() con
 // The published objects, counted by access.
 void SNMPAgent::initMib() {
   entries.clear();
+  // Room for every candidate at once: the list lives as long as the agent.
+  entries.reserve((manager != nullptr ? manager->getParams().size() : 0) + extraEntries.size());
   readOnlyCount = 0;
   readWriteCount = 0;
   forEachPublished([&](const std::string& key, MibEntry* entry, mib_access access) {
