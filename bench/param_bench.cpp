@@ -9,11 +9,18 @@
 // the baselines and of the growth from 10,000 to 100,000 rows. Pass
 // --benchmark_repetitions=N to have the summary use medians.
 //
+// heap/table/N/snmp is the heap a loaded row of the published table takes
+// while an agent serves the table (on a free loopback port): four value
+// columns, two short strings and two integers, each row as the Table, the
+// agent and Net-SNMP hold it together; heap/table/N/plain the same
+// unpublished.
+//
 // Where a load spends its time, in one short run:
 //   valgrind --tool=callgrind --toggle-collect='Quorvel::Kvan::ParamManager::loadFromFile*'
 //     param_bench --benchmark_filter='^load/table/10000/snmp/' --benchmark_min_time=0.001
 // (one command line; under the tool a single iteration runs).
 #include <benchmark/benchmark.h>
+#include <malloc.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -27,10 +34,12 @@
 #include <string>
 #include <vector>
 
+#include "../tests/loopback.h"
 #include "zelta/logging.h"
 #include "zelta/mibtypes.h"
 #include "zelta/param.h"
 #include "zelta/parammanager.h"
+#include "zelta/snmpagent.h"
 #include "zelta/tabledef.h"
 
 using namespace Quorvel::Kvan;
@@ -227,6 +236,41 @@ void loadTable(benchmark::State& state, const Case& c, bool snmp) {
   setCounters(state, c);
 }
 
+// ---- Heap
+
+// The heap a loaded row takes, the agent serving the published table.
+void heapPerRow(benchmark::State& state, const Case& c, bool snmp) {
+  double bytes = 0;
+  for (auto _ : state) {
+    state.PauseTiming();
+    TableSet set(snmp, c.path);
+    std::unique_ptr<SNMP::SNMPAgent> agent;
+    if (snmp) {
+      SNMP::SNMPAgent::Options options;
+      options.listenAddress = "127.0.0.1";
+      options.port = zelta_test::freeUdpPort();
+      agent = std::make_unique<SNMP::SNMPAgent>(&set.manager, options);
+      agent->start();
+      for (int i = 0; i < 10000 && !agent->isRunning() && !agent->hasFinished(); ++i) usleep(1000);
+      if (!agent->isRunning()) {
+        state.SkipWithError("the agent did not start");
+        break;
+      }
+    }
+    const size_t before = mallinfo2().uordblks;
+    state.ResumeTiming();
+    set.manager.loadGroup(set.group);
+    state.PauseTiming();
+    bytes = static_cast<double>(mallinfo2().uordblks - before) / c.lines;
+    if (agent) {
+      agent->stop();
+      agent->waitForFinish();
+    }
+    state.ResumeTiming();
+  }
+  state.counters["heap_bytes_per_row"] = bytes;
+}
+
 // ---- Save
 
 void saveBaseline(benchmark::State& state, const Case& c) {
@@ -284,6 +328,14 @@ void registerCase(const Case& c) {
       add("load/" + c.label + suffix, [&c, snmp](benchmark::State& s) { loadTable(s, c, snmp); });
     else
       add("load/" + c.label + suffix, [&c, snmp](benchmark::State& s) { loadScalars(s, c, snmp); });
+  }
+  if (table) {
+    for (bool snmp : {false, true}) {
+      benchmark::RegisterBenchmark(("heap/" + c.label + (snmp ? "/snmp" : "/plain")).c_str(),
+                                   [&c, snmp](benchmark::State& s) { heapPerRow(s, c, snmp); })
+          ->Iterations(1)
+          ->Unit(benchmark::kMillisecond);
+    }
   }
   add("save/" + c.label + "/baseline", [&c](benchmark::State& s) { saveBaseline(s, c); });
   for (bool snmp : {false, true}) {
