@@ -55,7 +55,10 @@ class ZELTA_EXPORT MibEntry {
   // True while registered with a running agent.
   bool isRegistered() const { return registration != nullptr; }
   // Sub-identifiers of the OID; empty when the text is not a valid OID.
-  const std::vector<unsigned long>& oidParts() const { return oidSubIds; }
+  std::vector<unsigned long> oidParts() const { return std::vector<unsigned long>(oidData(), oidData() + oidCount); }
+  // The same in place, without a copy: oidLength() sub-identifiers.
+  const uint32_t* oidData() const { return oidCount <= kInlineSubIds ? inlineIds : heapIds; }
+  size_t oidLength() const { return oidCount; }
   // Opts the object in to change notifications: every change of it that a
   // SET commits (a value, a cell, a row's RowStatus) is sent to the agent's
   // notification targets, once per changed binding. Off by default; any
@@ -67,7 +70,7 @@ class ZELTA_EXPORT MibEntry {
   // An object published where `info` says; `info` owns it, and so outlives it.
   explicit MibEntry(const SNMPInfo& info);
 
-  void storeAccess(mib_access mode) { access.store(static_cast<int>(mode)); }
+  void storeAccess(mib_access mode) { access.store(static_cast<uint8_t>(mode)); }
 
   // Registers the object's handler with the agent. REQUIRES: agent lock held,
   // agent initialising. False (with an ERROR line) when Net-SNMP refuses.
@@ -82,10 +85,18 @@ class ZELTA_EXPORT MibEntry {
   friend class AgentEngine;
   friend class ScalarIndex;
 
+  // Sub-identifiers are 32 bits on the wire; most OIDs fit in place, so a
+  // published scalar needs no second heap block for its OID.
+  static constexpr uint8_t kInlineSubIds = 14;
+
   const std::string* oidText;  // the SNMPInfo's
-  std::vector<unsigned long> oidSubIds;
-  std::atomic<int> access;
+  uint8_t oidCount = 0;
+  std::atomic<uint8_t> access;
   std::atomic<bool> changeNotification{false};
+  union {
+    uint32_t inlineIds[kInlineSubIds];
+    uint32_t* heapIds;  // owned, when there are more
+  };
 };
 
 // Lets the host change an object's access at run time; the next request

@@ -289,7 +289,6 @@ bool AgentEngine::initialize(const AgentConfig& config, const std::vector<MibEnt
   }
   std::vector<size_t> refused;  // positions in `leaves`
   scalars->build(leaves, refused);
-  registered.insert(registered.end(), scalars->begin(), scalars->end());
   for (size_t position : refused) refuse(leafPositions[position], leaves[position]);
 
   // init_snmp sets LC_CTYPE from the environment; the host's setting stays.
@@ -369,6 +368,12 @@ void AgentEngine::shutdown() {
   logSuppressedLines(LogRateLimiter::Clock::now() + netSnmpLogLimit().limiter.window());
 }
 
+std::vector<MibEntry*> AgentEngine::registeredEntries() const {
+  std::vector<MibEntry*> all(registered);
+  all.insert(all.end(), scalars->begin(), scalars->end());
+  return all;
+}
+
 void AgentEngine::wakeUp() {
   if (wakePipe[1] >= 0) {
     char byte = 1;
@@ -398,9 +403,12 @@ bool AgentEngine::isConnectedToMaster() { return agentx::isConnected(); }
 
 void AgentEngine::forgetEntry_nolock(MibEntry* entry) {
   if (activeEngine == nullptr) return;
+  if (auto* leaf = dynamic_cast<MibLeaf*>(entry)) {
+    activeEngine->scalars->forget(leaf);
+    return;
+  }
   auto& list = activeEngine->registered;
   list.erase(std::remove(list.begin(), list.end(), entry), list.end());
-  if (auto* leaf = dynamic_cast<MibLeaf*>(entry)) activeEngine->scalars->forget(leaf);
 }
 
 }  // namespace Quorvel::Kvan::SNMP

@@ -102,14 +102,15 @@ class ZELTA_EXPORT AgentEngine {
   bool isInitialized() const { return initialized; }
   // Subagent role: true while the master holds our registrations. Any thread.
   static bool isConnectedToMaster();
-  // Entries registered by the last successful initialize().
-  const std::vector<MibEntry*>& registeredEntries() const { return registered; }
+  // Entries registered by the last successful initialize(): the tables and
+  // other objects, then the scalars in OID order.
+  std::vector<MibEntry*> registeredEntries() const;
 
  private:
   void cleanUp_nolock();
 
   bool initialized = false;
-  std::vector<MibEntry*> registered;
+  std::vector<MibEntry*> registered;  // all but the scalars, which the index holds
   std::unique_ptr<ScalarIndex> scalars;
   std::string ownedTempDir;
   int wakePipe[2] = {-1, -1};

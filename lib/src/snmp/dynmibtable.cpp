@@ -89,9 +89,10 @@ struct CellName {
   const oid* index = nullptr;
   size_t indexLength = 0;
 
-  bool parse(const std::vector<unsigned long>& entry, const netsnmp_variable_list& vb) {
-    const size_t length = entry.size();
-    if (length == 0 || vb.name_length <= length || !std::equal(entry.begin(), entry.end(), vb.name)) return false;
+  bool parse(const MibEntry& entry, const netsnmp_variable_list& vb) {
+    const size_t length = entry.oidLength();
+    if (length == 0 || vb.name_length <= length || !std::equal(entry.oidData(), entry.oidData() + length, vb.name))
+      return false;
     column = vb.name[length];
     index = vb.name + length + 1;
     indexLength = vb.name_length - length - 1;
@@ -171,7 +172,7 @@ void DynMibTable::get_request(netsnmp_agent_request_info_s* reqinfo, netsnmp_req
   CellName name;
   // Outside the columns, or made NOACCESS at run time: hidden like a table
   // never published.
-  if (get_access() == NOACCESS || !name.parse(oidParts(), *request->requestvb) || served.empty() ||
+  if (get_access() == NOACCESS || !name.parse(*this, *request->requestvb) || served.empty() ||
       name.column < served.front() || name.column > served.back()) {
     netsnmp_set_request_error(reqinfo, request, SNMP_NOSUCHOBJECT);
     return;
@@ -199,7 +200,7 @@ void DynMibTable::get_next_request(netsnmp_agent_request_info_s* reqinfo, netsnm
   // Hidden at run time: the agent goes on with the next registration.
   if (get_access() == NOACCESS || served.empty()) return;
   netsnmp_variable_list* vb = request->requestvb;
-  const std::vector<unsigned long>& entry = oidParts();
+  const size_t entryLength = oidLength();
   const auto& rows = table().getRows();
   // Where the walk starts: the first served column at or after the name's,
   // and in the name's own column the first row after its index (at it, for
@@ -207,27 +208,27 @@ void DynMibTable::get_next_request(netsnmp_agent_request_info_s* reqinfo, netsnm
   auto column = served.begin();
   auto row = rows.begin();
   CellName named;
-  if (named.parse(entry, *vb)) {
+  oid name[MAX_OID_LEN];
+  std::copy(oidData(), oidData() + entryLength, name);
+  if (named.parse(*this, *vb)) {
     column = std::lower_bound(served.begin(), served.end(), named.column);
     if (column != served.end() && *column == named.column) {
       scratch.assign(named.index, named.index + named.indexLength);
       row = request->inclusive != 0 ? rows.lower_bound(scratch) : rows.upper_bound(scratch);
     }
-  } else if (snmp_oid_compare(vb->name, vb->name_length, entry.data(), entry.size()) > 0) {
+  } else if (snmp_oid_compare(vb->name, vb->name_length, name, entryLength) > 0) {
     return;  // past the entry: nothing of ours follows
   }
-  oid name[MAX_OID_LEN];
-  std::copy(entry.begin(), entry.end(), name);
   for (; column != served.end(); ++column, row = rows.begin()) {
-    name[entry.size()] = *column;
+    name[entryLength] = *column;
     while (row != rows.end()) {
       const RowIdx& indexes = row->first;
       if (!servable(indexes)) {
         ++row;
         continue;
       }
-      const size_t length = entry.size() + 1 + indexes.size();
-      std::copy(indexes.begin(), indexes.end(), name + entry.size() + 1);
+      const size_t length = entryLength + 1 + indexes.size();
+      std::copy(indexes.begin(), indexes.end(), name + entryLength + 1);
       // Beyond this registration (or the part of it between two others):
       // the agent goes on with the next one.
       if (snmp_oid_compare(name, length, request->range_end, request->range_end_len) >= 0) return;
@@ -277,7 +278,7 @@ void DynMibTable::prepare_set_request(netsnmp_agent_request_info_s* reqinfo, net
   auto& pending = *static_cast<PendingSet*>(pendingData);
   const netsnmp_variable_list& vb = *request->requestvb;
   CellName name;
-  const bool below = name.parse(oidParts(), vb);
+  const bool below = name.parse(*this, vb);
   const unsigned long column = name.column;
   int status = SNMP_ERR_NOERROR;
   const RowIdx indexes(name.index, name.index + name.indexLength);
@@ -495,7 +496,7 @@ bool DynMibTable::makeLeaf(const FieldType& field) const {
 
 bool DynMibTable::servable(const RowIdx& indexes) const {
   if (indexes.empty() || (numIdx != -1 && indexes.size() != static_cast<size_t>(numIdx)) ||
-      oidParts().size() + 1 + indexes.size() > internal::kMaxOidLen)
+      oidLength() + 1 + indexes.size() > internal::kMaxOidLen)
     return false;
   return std::all_of(indexes.begin(), indexes.end(), [](unsigned long c) { return c <= 0xFFFFFFFFul; });
 }
@@ -630,7 +631,7 @@ bool DynMibTable::findCellCoords(const std::string& text, std::vector<unsigned l
 
 bool DynMibTable::isNewRowCreationRequest(const std::string& text, std::vector<unsigned long>& indexes) {
   std::vector<unsigned long> parts = convertToIndexOids(text);
-  const std::vector<unsigned long>& entry = oidParts();
+  const std::vector<unsigned long> entry = oidParts();
   size_t length = entry.size();
   if (length == 0 || parts.size() <= length || !std::equal(entry.begin(), entry.end(), parts.begin())) return false;
   if (parts[length] != rowStatusColumn) return false;
@@ -688,7 +689,7 @@ void DynMibTable::row_delete(const RowIdx& indexes) {
 
 bool DynMibTable::registerEntry() {
   if (isRegistered()) return true;
-  const std::vector<unsigned long>& entry = oidParts();
+  const std::vector<unsigned long> entry = oidParts();
   if (entry.size() < 2 || entry.back() != 1) {
     Log["libzelta"].append(ERROR, "DynMibTable: .%s is not a table entry OID (it must end in .1)\n", getOid().c_str());
     return false;

@@ -67,10 +67,17 @@ void setReadError(netsnmp_agent_request_info* reqinfo, netsnmp_request_info* req
 
 // ---- MibEntry
 
-MibEntry::MibEntry(const SNMPInfo& info) : oidText(&info.getOid()), access(static_cast<int>(info.getAccess())) {
-  if (!internal::parseOid(*oidText, oidSubIds))
+MibEntry::MibEntry(const SNMPInfo& info) : oidText(&info.getOid()), access(static_cast<uint8_t>(info.getAccess())) {
+  std::vector<unsigned long> parts;
+  if (!internal::parseOid(*oidText, parts)) {
     Log["libzelta"].append(ERROR, "MibEntry: '%s' is not a valid OID, the object cannot be published\n",
                            oidText->c_str());
+    parts.clear();
+  }
+  // parseOid keeps to 128 sub-identifiers of 32 bits.
+  oidCount = static_cast<uint8_t>(parts.size());
+  uint32_t* ids = oidCount <= kInlineSubIds ? inlineIds : (heapIds = new uint32_t[oidCount]);
+  std::copy(parts.begin(), parts.end(), ids);
 }
 
 std::string MibEntry::getOid() const {
@@ -78,7 +85,9 @@ std::string MibEntry::getOid() const {
   return !text.empty() && text[0] == '.' ? text.substr(1) : text;
 }
 
-MibEntry::~MibEntry() = default;
+MibEntry::~MibEntry() {
+  if (oidCount > kInlineSubIds) delete[] heapIds;
+}
 
 // ---- SNMPInfo
 

@@ -239,7 +239,7 @@ void Notifier::committedStatus_nolock(const MibEntry& entry, const ::variable_li
 bool Notifier::leafChange_nolock(const MibEntry& entry) {
   Notifier* self = accepting_nolock(entry);
   const auto* leaf = dynamic_cast<const MibLeaf*>(&entry);
-  if (self == nullptr || leaf == nullptr || entry.oidParts().empty()) return false;
+  if (self == nullptr || leaf == nullptr || entry.oidLength() == 0) return false;
   const SnmpCodec* codec = SnmpCodec::of(leaf->type);
   SnmpValue now;
   if (codec == nullptr || !codec->toSnmp(*leaf->value, now)) return false;
@@ -254,7 +254,7 @@ bool Notifier::leafChange_nolock(const MibEntry& entry) {
 bool Notifier::cellChange_nolock(const DynMibTable& table, const std::vector<unsigned long>& index,
                                  unsigned int column) {
   Notifier* self = accepting_nolock(table);
-  if (self == nullptr || table.oidParts().empty() || table.definition == nullptr) return false;
+  if (self == nullptr || table.oidLength() == 0 || table.definition == nullptr) return false;
   const Table& rows = table.table();
   auto row = rows.getRows().find(index);
   auto field = table.definition->fields.find(column);
@@ -278,7 +278,7 @@ bool Notifier::cellChange_nolock(const DynMibTable& table, const std::vector<uns
 
 bool Notifier::rowChange_nolock(const DynMibTable& table, const std::vector<unsigned long>& index) {
   Notifier* self = accepting_nolock(table);
-  if (self == nullptr || table.oidParts().empty() || table.rowStatusColumn == 0 || index.empty()) return false;
+  if (self == nullptr || table.oidLength() == 0 || table.rowStatusColumn == 0 || index.empty()) return false;
   const int current = table.table().getRowStatus(index);
   const long status = current != -1 ? current : 6;  // destroy
   Change change;

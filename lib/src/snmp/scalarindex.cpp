@@ -16,12 +16,17 @@ namespace {
 
 using Oid = std::vector<unsigned long>;
 
-int compare(const unsigned long* a, size_t aLength, const unsigned long* b, size_t bLength) {
-  return snmp_oid_compare(a, aLength, b, bLength);
+// A leaf's OID against a Net-SNMP one: <0, 0 or >0, as snmp_oid_compare.
+int compare(const MibEntry& leaf, const unsigned long* name, size_t length) {
+  const uint32_t* ids = leaf.oidData();
+  const size_t count = leaf.oidLength();
+  for (size_t i = 0; i < count && i < length; ++i)
+    if (ids[i] != name[i]) return ids[i] < name[i] ? -1 : 1;
+  return count == length ? 0 : (count < length ? -1 : 1);
 }
 
-bool isPrefix(const Oid& prefix, const unsigned long* name, size_t length) {
-  return prefix.size() <= length && std::equal(prefix.begin(), prefix.end(), name);
+bool isPrefix(const MibEntry& leaf, const unsigned long* name, size_t length) {
+  return leaf.oidLength() <= length && std::equal(leaf.oidData(), leaf.oidData() + leaf.oidLength(), name);
 }
 
 }  // namespace
@@ -85,14 +90,15 @@ namespace {
 std::vector<MibLeaf*>::const_iterator seek(const std::vector<MibLeaf*>& leaves, const unsigned long* name,
                                            size_t length, bool after) {
   return std::partition_point(leaves.begin(), leaves.end(), [&](const MibLeaf* leaf) {
-    const int order = compare(leaf->oidParts().data(), leaf->oidParts().size(), name, length);
+    const int order = compare(*leaf, name, length);
     return after ? order <= 0 : order < 0;
   });
 }
 
 }  // namespace
 
-uint64_t ScalarIndex::hash(const unsigned long* name, size_t length) {
+template <class SubId>
+uint64_t ScalarIndex::hash(const SubId* name, size_t length) {
   uint64_t h = 0x9e3779b97f4a7c15ull ^ length;
   for (size_t i = 0; i < length; ++i) h = (h ^ name[i]) * 0x100000001b3ull;
   return h ^ (h >> 29);
@@ -106,7 +112,7 @@ MibLeaf* ScalarIndex::find(const unsigned long* name, size_t length) const {
   for (size_t i = h & (slots.size() - 1);; i = (i + 1) & (slots.size() - 1)) {
     const Slot& slot = slots[i];
     if (slot.leaf == nullptr) return nullptr;
-    if (slot.hash == h && compare(slot.leaf->oidParts().data(), slot.leaf->oidParts().size(), name, length) == 0)
+    if (slot.hash == h && compare(*slot.leaf, name, length) == 0)
       return slot.leaf;
   }
 }
@@ -126,7 +132,6 @@ void ScalarIndex::prefetch(netsnmp_request_info* requests) const {
   for (size_t i = 0; i < count; ++i) __builtin_prefetch(slots[at[i]].leaf);
   for (size_t i = 0; i < count; ++i) {
     if (const MibLeaf* leaf = slots[at[i]].leaf) {
-      __builtin_prefetch(leaf->oidParts().data());
       leaf->prefetchValue();
     }
   }
@@ -139,7 +144,7 @@ void ScalarIndex::rehash() {
   while (capacity * 4 < leaves.size() * 5) capacity *= 2;
   slots.assign(capacity, Slot());
   for (MibLeaf* leaf : leaves) {
-    const uint64_t h = hash(leaf->oidParts().data(), leaf->oidParts().size());
+    const uint64_t h = hash(leaf->oidData(), leaf->oidLength());
     size_t i = h & (capacity - 1);
     while (slots[i].leaf != nullptr) i = (i + 1) & (capacity - 1);
     slots[i] = Slot{h, leaf};
@@ -151,7 +156,7 @@ MibLeaf* ScalarIndex::below(const unsigned long* name, size_t length) const {
   auto it = seek(leaves, name, length, false);
   if (it == leaves.begin()) return nullptr;
   --it;
-  return isPrefix((*it)->oidParts(), name, length) ? *it : nullptr;
+  return isPrefix(**it, name, length) ? *it : nullptr;
 }
 
 void ScalarIndex::get(netsnmp_agent_request_info* reqinfo, netsnmp_request_info* request) const {
@@ -171,12 +176,13 @@ void ScalarIndex::getNext(netsnmp_agent_request_info* reqinfo, netsnmp_request_i
   // An inclusive request (a retry at the start of the next registration)
   // takes the name itself if it is a scalar.
   for (auto it = seek(leaves, vb->name, vb->name_length, request->inclusive == 0); it != leaves.end(); ++it) {
-    const Oid& name = (*it)->oidParts();
     // Beyond this registration (or the part of it between two others): the
     // agent goes on with the next one.
-    if (compare(name.data(), name.size(), request->range_end, request->range_end_len) >= 0) return;
+    if (compare(**it, request->range_end, request->range_end_len) >= 0) return;
     if ((*it)->get_access() == NOACCESS) continue;
-    snmp_set_var_objid(vb, name.data(), name.size());
+    oid name[MAX_OID_LEN];
+    std::copy((*it)->oidData(), (*it)->oidData() + (*it)->oidLength(), name);
+    snmp_set_var_objid(vb, name, (*it)->oidLength());
     (*it)->get_request(reqinfo, request);
     return;
   }
@@ -184,9 +190,11 @@ void ScalarIndex::getNext(netsnmp_agent_request_info* reqinfo, netsnmp_request_i
 
 // ---- Registration
 
-bool ScalarIndex::registerRoot(const unsigned long* root, size_t length) {
+bool ScalarIndex::registerRoot(const std::vector<unsigned long>& root) {
+  const unsigned long* data = root.data();
+  const size_t length = root.size();
   netsnmp_handler_registration* reg =
-      netsnmp_create_handler_registration("zeltaScalars", Handler::handle, root, length, HANDLER_CAN_RWRITE);
+      netsnmp_create_handler_registration("zeltaScalars", Handler::handle, data, length, HANDLER_CAN_RWRITE);
   if (reg == nullptr) return false;
   reg->handler->myvoid = this;
   // Net-SNMP puts helpers in front of the handler; the registration's own
@@ -214,26 +222,28 @@ struct Record {
     const uint32_t shared = std::min({length, other.length, kInline});
     for (uint32_t i = 0; i < shared; ++i)
       if (sub[i] != other.sub[i]) return sub[i] < other.sub[i];
-    if (std::min(length, other.length) > kInline && leaf->oidParts() != other.leaf->oidParts())
-      return leaf->oidParts() < other.leaf->oidParts();
+    if (std::min(length, other.length) > kInline) {
+      const uint32_t* mine = leaf->oidData();
+      const uint32_t* theirs = other.leaf->oidData();
+      return std::lexicographical_compare(mine, mine + length, theirs, theirs + other.length);
+    }
     return length < other.length;
   }
   bool sameOid(const Record& other) const { return !before(other) && !other.before(*this); }
   // The first `count` sub-identifiers of the OID.
   Oid prefix(size_t count) const {
-    if (length > kInline)
-      return Oid(leaf->oidParts().begin(), leaf->oidParts().begin() + static_cast<std::ptrdiff_t>(count));
-    return Oid(sub, sub + count);
+    const uint32_t* ids = length > kInline ? leaf->oidData() : sub;
+    return Oid(ids, ids + count);
   }
   bool startsWith(const Oid& start) const {
     if (start.size() > length) return false;
     for (size_t i = 0; i < start.size(); ++i)
-      if ((i < kInline ? sub[i] : leaf->oidParts()[i]) != start[i]) return false;
+      if ((i < kInline ? sub[i] : leaf->oidData()[i]) != start[i]) return false;
     return true;
   }
   // The OID against a Net-SNMP one: <0, 0 or >0.
   int compare(const unsigned long* name, size_t nameLength) const {
-    if (length > kInline) return snmp_oid_compare(leaf->oidParts().data(), length, name, nameLength);
+    if (length > kInline) return Quorvel::Kvan::SNMP::compare(*leaf, name, nameLength);
     for (size_t i = 0; i < length && i < nameLength; ++i)
       if (sub[i] != name[i]) return sub[i] < name[i] ? -1 : 1;
     return length == nameLength ? 0 : (length < nameLength ? -1 : 1);
@@ -256,18 +266,18 @@ void ScalarIndex::build(const std::vector<MibLeaf*>& candidates, std::vector<siz
     // Leaves lie all over the heap: the ones a few steps ahead are asked for
     // early, their OIDs once the leaves are there.
     if (i + 16 < candidates.size()) __builtin_prefetch(candidates[i + 16]);
-    if (i + 8 < candidates.size()) __builtin_prefetch(candidates[i + 8]->oidParts().data());
+    if (i + 8 < candidates.size()) __builtin_prefetch(candidates[i + 8]->oidData());
     MibLeaf* leaf = candidates[i];
-    const Oid& name = leaf->oidParts();
-    if (name.empty()) {
+    const size_t length = leaf->oidLength();
+    if (length == 0) {
       refused.push_back(i);
       continue;
     }
     Record record;
-    record.length = static_cast<uint32_t>(name.size());
+    record.length = static_cast<uint32_t>(length);
     record.position = static_cast<uint32_t>(i);
     record.leaf = leaf;
-    std::copy(name.begin(), name.begin() + std::min<ptrdiff_t>(name.size(), Record::kInline), record.sub);
+    std::copy(leaf->oidData(), leaf->oidData() + std::min<size_t>(length, Record::kInline), record.sub);
     records.push_back(record);
     leaf->registration = &indexedMark;
   }
@@ -313,9 +323,9 @@ void ScalarIndex::build(const std::vector<MibLeaf*>& candidates, std::vector<siz
   }
   std::vector<bool> routed(records.size(), false);
   for (const auto& [parent, children] : siblings) {
-    const bool shared = children.size() > 1 && registerRoot(parent.data(), parent.size());
+    const bool shared = children.size() > 1 && registerRoot(parent);
     for (const auto& group : children) {
-      if (!shared && !registerRoot(group->first.data(), group->first.size())) continue;
+      if (!shared && !registerRoot(group->first)) continue;
       for (size_t i : group->second) routed[i] = true;
     }
   }
@@ -332,8 +342,7 @@ void ScalarIndex::build(const std::vector<MibLeaf*>& candidates, std::vector<siz
   }
   leaves.reserve(records.size());
   for (size_t i = 0; i < records.size(); ++i) {
-    const Oid& name = records[i].leaf->oidParts();
-    if (routed[i] || registerRoot(name.data(), name.size()))
+    if (routed[i] || registerRoot(records[i].leaf->oidParts()))
       leaves.push_back(records[i].leaf);
     else
       refuse(records[i]);
@@ -350,7 +359,8 @@ void ScalarIndex::clear() {
 }
 
 void ScalarIndex::forget(MibLeaf* leaf) {
-  auto it = seek(leaves, leaf->oidParts().data(), leaf->oidParts().size(), false);
+  const Oid name = leaf->oidParts();
+  auto it = seek(leaves, name.data(), name.size(), false);
   if (it == leaves.end() || *it != leaf) return;
   leaves.erase(it);
   rehash();

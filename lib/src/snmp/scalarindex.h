@@ -54,7 +54,7 @@ class ScalarIndex {
 
  private:
   // Registers a handler at `root`; false when Net-SNMP refuses.
-  bool registerRoot(const unsigned long* root, size_t length);
+  bool registerRoot(const std::vector<unsigned long>& root);
   // The leaf published at `name`, or null.
   MibLeaf* find(const unsigned long* name, size_t length) const;
   // The leaf whose OID is a prefix of `name`, or null.
@@ -70,7 +70,9 @@ class ScalarIndex {
     uint64_t hash = 0;
     MibLeaf* leaf = nullptr;
   };
-  static uint64_t hash(const unsigned long* name, size_t length);
+  // Of a request's name, and of a leaf's OID in place: the same value.
+  template <class SubId>
+  static uint64_t hash(const SubId* name, size_t length);
   void rehash();
 
   std::vector<MibLeaf*> leaves;  // sorted by OID, for GETNEXT
