@@ -257,11 +257,11 @@ void heapPerRow(benchmark::State& state, const Case& c, bool snmp) {
         break;
       }
     }
-    const size_t before = mallinfo2().uordblks;
+    const size_t before = mallinfo2().uordblks + mallinfo2().hblkhd;
     state.ResumeTiming();
     set.manager.loadGroup(set.group);
     state.PauseTiming();
-    bytes = static_cast<double>(mallinfo2().uordblks - before) / c.lines;
+    bytes = static_cast<double>(mallinfo2().uordblks + mallinfo2().hblkhd - before) / c.lines;
     if (agent) {
       agent->stop();
       agent->waitForFinish();
