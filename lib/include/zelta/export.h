@@ -6,6 +6,9 @@
 #define ZELTA_EXPORT_H_
 
 #define ZELTA_EXPORT __attribute__((visibility("default")))
+// For a member of an exported class that only the library itself calls: left
+// out of the shared object's symbol table, which the device's flash holds.
+#define ZELTA_LOCAL __attribute__((visibility("hidden")))
 
 extern "C" void __assert_fail(const char* assertion, const char* file, unsigned int line, const char* function) noexcept
     __attribute__((__noreturn__));

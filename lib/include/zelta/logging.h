@@ -61,6 +61,9 @@ class ZELTA_EXPORT Logging {
   bool remove(const std::string& name);
   // REQUIRES: the channel exists; an unknown name throws std::out_of_range.
   LogChannel& operator[](const std::string& name);
+  // The same for a name in a literal (Log["libzelta"]): the text becomes a
+  // std::string here, once, and not at every place that logs.
+  LogChannel& operator[](const char* name);
   // "name<sep>level": sets the level of an existing channel to DEBUG (3) or
   // VERBOSE (4) only. Any other text or level returns false and changes nothing.
   bool setLevelFromString(const std::string& levelText, char separator);

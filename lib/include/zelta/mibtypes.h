@@ -323,41 +323,41 @@ class ZELTA_EXPORT DynMibTable : public MibEntry, public IAccessModeChangeable {
   Table& table() const { return *value->getMutableTable(); }
   // True when a row with this index can be served (the index fits the
   // table and SNMP's 32-bit sub-identifiers).
-  bool servable(const RowIdx& indexes) const;
+  ZELTA_LOCAL bool servable(const RowIdx& indexes) const;
 
   // Handler steps, on the agent thread with the agent lock held. `pending`
   // is the PDU's set of changes for this table.
-  void get_request(netsnmp_agent_request_info_s* reqinfo, netsnmp_request_info_s* request);
-  void get_next_request(netsnmp_agent_request_info_s* reqinfo, netsnmp_request_info_s* request);
+  ZELTA_LOCAL void get_request(netsnmp_agent_request_info_s* reqinfo, netsnmp_request_info_s* request);
+  ZELTA_LOCAL void get_next_request(netsnmp_agent_request_info_s* reqinfo, netsnmp_request_info_s* request);
   // RESERVE1: each binding on its own (access, index, type, length, range).
-  void prepare_set_request(netsnmp_agent_request_info_s* reqinfo, netsnmp_request_info_s* request, void* pending);
+  ZELTA_LOCAL void prepare_set_request(netsnmp_agent_request_info_s* reqinfo, netsnmp_request_info_s* request, void* pending);
   // RESERVE2: the bindings of each row together (RowStatus, readiness).
-  void check_row_transitions(netsnmp_agent_request_info_s* reqinfo, void* pending);
+  ZELTA_LOCAL void check_row_transitions(netsnmp_agent_request_info_s* reqinfo, void* pending);
   // ACTION: activeRowsReadOnly and the column validators.
-  void validate_set_request(netsnmp_agent_request_info_s* reqinfo, void* pending);
+  ZELTA_LOCAL void validate_set_request(netsnmp_agent_request_info_s* reqinfo, void* pending);
   // COMMIT: applies the PDU to the Table, and notifies.
-  void commit_set_request(netsnmp_agent_request_info_s* reqinfo, void* pending);
+  ZELTA_LOCAL void commit_set_request(netsnmp_agent_request_info_s* reqinfo, void* pending);
   // Answers a request for a cell of an existing row, the filler having run.
-  void answer(netsnmp_agent_request_info_s* reqinfo, netsnmp_request_info_s* request, const RowIdx& indexes,
+  ZELTA_LOCAL void answer(netsnmp_agent_request_info_s* reqinfo, netsnmp_request_info_s* request, const RowIdx& indexes,
               const TableRow& row, unsigned int column);
   // The definition of a host write's column when the row and the column
   // exist; null, with a trace line, otherwise.
-  const FieldType* writableCell(const RowIdx& indexes, unsigned int column);
+  ZELTA_LOCAL const FieldType* writableCell(const RowIdx& indexes, unsigned int column);
   // Stores a host value converted for the column; false, with a trace line,
   // when it could not be converted or the Table refuses it.
-  bool storeCell(const RowIdx& indexes, unsigned int column, bool converted, const Variant& cell);
+  ZELTA_LOCAL bool storeCell(const RowIdx& indexes, unsigned int column, bool converted, const Variant& cell);
 
-  void initIndexes();
-  void initRowStatus();
-  void initFields();
-  void initValues();
+  ZELTA_LOCAL void initIndexes();
+  ZELTA_LOCAL void initRowStatus();
+  ZELTA_LOCAL void initFields();
+  ZELTA_LOCAL void initValues();
   // False, with an ERROR line, for a column type that cannot be published.
-  bool makeLeaf(const FieldType& type) const;
-  void notify(const char* reason, const RowIdx& indexes, int action, int column);
-  void row_added(const RowIdx& indexes);
-  void row_activated(const RowIdx& indexes);
-  void row_deactivated(const RowIdx& indexes);
-  void row_delete(const RowIdx& indexes);
+  ZELTA_LOCAL bool makeLeaf(const FieldType& type) const;
+  ZELTA_LOCAL void notify(const char* reason, const RowIdx& indexes, int action, int column);
+  ZELTA_LOCAL void row_added(const RowIdx& indexes);
+  ZELTA_LOCAL void row_activated(const RowIdx& indexes);
+  ZELTA_LOCAL void row_deactivated(const RowIdx& indexes);
+  ZELTA_LOCAL void row_delete(const RowIdx& indexes);
 
   Variant* value;
   TableDef* definition;

@@ -130,13 +130,13 @@ class ZELTA_EXPORT Param : public IChangeListener {
  private:
   friend class groupfile::GroupFileReader;
 
-  void fillValue(const Variant& initial);
-  void fillWithDefaultValue();
-  void fillSnmpInfo();
-  void appendTableText(std::string& out);
+  ZELTA_LOCAL void fillValue(const Variant& initial);
+  ZELTA_LOCAL void fillWithDefaultValue();
+  ZELTA_LOCAL void fillSnmpInfo();
+  ZELTA_LOCAL void appendTableText(std::string& out);
   // A single value read from the group file: stored silently. False when it
   // is of another kind than the value held. REQUIRES: library lock held.
-  bool loadScalar(Variant&& loaded);
+  ZELTA_LOCAL bool loadScalar(Variant&& loaded);
 
   std::string name;
   std::function<bool(const Variant&, const ExtraInfo*)> validator;
@@ -209,12 +209,12 @@ class ZELTA_EXPORT ParamGroup {
   friend class Param;
 
   // How a parameter's constructor enrols it: without addOwnedParam's search.
-  void enrol(Param* param);
-  void workerCode();
+  ZELTA_LOCAL void enrol(Param* param);
+  ZELTA_LOCAL void workerCode();
   // Sleeps one tick; false when the countdown is to end at once (the process
   // exits, or the group goes away).
-  bool waitOneTick();
-  bool writeFile(const std::string& text);
+  ZELTA_LOCAL bool waitOneTick();
+  ZELTA_LOCAL bool writeFile(const std::string& text);
 
   std::string name;
   std::string filePath;

@@ -127,10 +127,10 @@ class ZELTA_EXPORT SNMPAgent {
   bool notifyRowStatus(const DynMibTable& table, const std::vector<unsigned long>& index);
 
  private:
-  void handleRequests();
-  bool initializeAgent();
-  void initMib();
-  void forEachPublished(const std::function<void(const std::string&, MibEntry*, mib_access)>& visit) const;
+  ZELTA_LOCAL void handleRequests();
+  ZELTA_LOCAL bool initializeAgent();
+  ZELTA_LOCAL void initMib();
+  ZELTA_LOCAL void forEachPublished(const std::function<void(const std::string&, MibEntry*, mib_access)>& visit) const;
 
   Options options;
   std::atomic<bool> running{false};

@@ -144,7 +144,7 @@ class ZELTA_EXPORT Variant {
   void deleteInternalStorage();
 
  private:
-  void setKind(VariantType kind);
+  ZELTA_LOCAL void setKind(VariantType kind);
 
 #if UINTPTR_MAX > 0xFFFFFFFFu
   // The kind and the listener share a word on 64-bit builds: a listener's
@@ -269,27 +269,31 @@ class ZELTA_EXPORT Table {
   // columns in `unset` still to be given a value: notReady until each of them
   // is written through setCellValue, notInService then. Nothing for an
   // absent row.
-  void setRowStatus(const RowIdx& idx, bool active, std::vector<unsigned int> unset = {});
+  void setRowStatus(const RowIdx& idx, bool active, const std::vector<unsigned int>& unset = {});
   // Makes every row active, as a whole new table from the host is.
   void activateAllRows() { inactive.clear(); }
-  // The value columns of a row still without a value: empty unless notReady.
-  const std::vector<unsigned int>& unsetColumns(const RowIdx& idx) const;
-  // The rows that are not active, in index order, with their unset columns.
-  const std::map<RowIdx, std::vector<unsigned int>>& getInactiveRows() const { return inactive; }
+  // True when `column` of a notReady row has no value yet.
+  bool isCellUnset(const RowIdx& idx, unsigned int column) const;
+  // The rows that are not active, in index order, each with an UNDEFINED
+  // cell for every value column still without a value.
+  const std::map<RowIdx, TableRow>& getInactiveRows() const { return inactive; }
 
   // When 1, SNMP writes to cells of active rows are refused. Never changed by
   // the library.
   uint32_t activeRowsReadOnly;
 
  private:
+  // Stores a cell of the column's kind, creating the row (without defaults)
+  // and the cell as needed.
+  ZELTA_LOCAL void putCell(const RowIdx& idx, unsigned int column, Variant&& cell);
   // A cell of `column` got a value: the row is one column nearer readiness.
-  void cellWritten(const RowIdx& idx, unsigned int column);
+  ZELTA_LOCAL void cellWritten(const RowIdx& idx, unsigned int column);
 
   TableDef* def;
   std::map<RowIdx, TableRow> rows;
-  // Rows that are not active, with their value columns still unset; the
+  // Rows that are not active, with their cells still without a value; the
   // others (nearly always all) cost nothing here.
-  std::map<RowIdx, std::vector<unsigned int>> inactive;
+  std::map<RowIdx, TableRow> inactive;
 };
 
 }  // namespace Quorvel::Kvan

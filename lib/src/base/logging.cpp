@@ -86,6 +86,8 @@ bool Logging::remove(const std::string& name) { return channels_.erase(name) > 0
 
 LogChannel& Logging::operator[](const std::string& name) { return channels_.at(name); }
 
+LogChannel& Logging::operator[](const char* name) { return channels_.at(name); }
+
 bool Logging::setLevelFromString(const std::string& levelText, char separator) {
   std::vector<std::string> fields = Common::split(levelText, separator);
   if (fields.size() != 2) return false;

@@ -328,8 +328,12 @@ void DynMibTable::check_row_transitions(netsnmp_agent_request_info_s* reqinfo, v
     int status = SNMP_ERR_NOERROR;
     // Ready once this PDU's values are in: each column still without a
     // value gets one here.
-    const std::vector<unsigned int>& unset = row.existed ? table().unsetColumns(row.indexes) : withoutDefault;
-    const bool ready = std::all_of(unset.begin(), unset.end(), [&](unsigned int c) { return row.sets(c); });
+    bool ready = true;
+    if (!row.existed) {
+      for (unsigned int column : withoutDefault) ready = ready && row.sets(column);
+    } else if (auto missing = table().getInactiveRows().find(row.indexes); missing != table().getInactiveRows().end()) {
+      for (const auto& cell : missing->second) ready = ready && row.sets(cell.first);
+    }
     if (!row.existed) {
       if (row.status == 0) {
         status = SNMP_ERR_NOCREATION;  // cells of a row nobody creates

@@ -260,9 +260,8 @@ bool Notifier::cellChange_nolock(const DynMibTable& table, const std::vector<uns
   auto field = table.definition->fields.find(column);
   if (row == rows.getRows().end() || field == table.definition->fields.end()) return false;
   const SnmpCodec* codec = SnmpCodec::of(field->second.type);
-  const std::vector<unsigned int>& unset = rows.unsetColumns(index);
   // A cell without a value yet has nothing to tell.
-  if (codec == nullptr || std::find(unset.begin(), unset.end(), column) != unset.end()) return false;
+  if (codec == nullptr || rows.isCellUnset(index, column)) return false;
   SnmpValue now;
   auto cell = row->second.find(column);
   if (cell == row->second.end() || !codec->toSnmp(cell->second, now)) codec->toSnmp(codec->defaultValue(), now);

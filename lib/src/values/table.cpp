@@ -1,6 +1,5 @@
 // FieldType, TableDef and Table: the shape and the content of table-valued
 // parameters.
-#include <algorithm>
 #include <cstdint>
 #include <string>
 #include <utility>
@@ -14,12 +13,10 @@ namespace Quorvel::Kvan {
 
 namespace {
 
-// Stores one cell, creating it in place when the row lacks it. An existing
-// cell goes through Variant assignment, which refuses a change of kind.
-template <typename T>
-void storeCell(TableRow& row, unsigned int column, const T& value) {
-  auto [it, inserted] = row.try_emplace(column, value);
-  if (!inserted) it->second = Variant(value);
+// The DEBUG line of a stored cell, built only when it would be written.
+void logStored(const char* kind, const std::string& text) {
+  LogChannel& channel = Log["libzelta"];
+  if (channel.level >= DEBUG) channel.append(DEBUG, "Table: setCellValue<%s>: %s\n", kind, text.c_str());
 }
 
 // Row index components are SNMP sub-identifiers: 32 bits on every build.
@@ -157,9 +154,8 @@ bool Table::setCellValue(const RowIdx& idx, const unsigned int& column, const st
   auto field = def->fields.find(column);
   if (field == def->fields.end() || column < def->indexColumns.size() + 1) return false;
   if (field->second.type != STRING && field->second.type != IPADDRESS) return false;
-  storeCell(rows[idx], column, value);
-  cellWritten(idx, column);
-  Log["libzelta"].append(DEBUG, "Table: setCellValue<str>: %s\n", value.c_str());
+  putCell(idx, column, Variant(value));
+  logStored("str", value);
   return true;
 }
 
@@ -168,27 +164,30 @@ bool Table::setCellValue(const RowIdx& idx, const unsigned int& column, const st
 // inert entry in the definition).
 bool Table::setCellValue(const RowIdx& idx, const unsigned int& column, const unsigned char (&value)[8]) {
   if (def->fields[column].type != LOGADDRMAIN) return false;
-  storeCell(rows[idx], column, static_cast<const unsigned char*>(value));
-  cellWritten(idx, column);
-  Log["libzelta"].append(DEBUG, "Table: setCellValue<str>: %s\n", Common::logaddrMainToString(value).c_str());
+  putCell(idx, column, Variant(static_cast<const unsigned char*>(value)));
+  if (Log["libzelta"].level >= DEBUG) logStored("str", Common::logaddrMainToString(value));
   return true;
 }
 
 bool Table::setCellValue(const RowIdx& idx, const unsigned int& column, const long& value) {
   auto field = def->fields.find(column);
   if (field == def->fields.end() || column < def->indexColumns.size() + 1) return false;
-  if (field->second.type == INTEGER) {
-    storeCell(rows[idx], column, value);
-  } else if (field->second.type == TIMETICKS) {
-    // Wraps like the 32-bit target: a count of 2^31 or more arrives as a
-    // negative long.
-    storeCell(rows[idx], column, TimeTicksValue{static_cast<uint32_t>(value)});
-  } else {
-    return false;
-  }
-  cellWritten(idx, column);
-  Log["libzelta"].append(DEBUG, "Table: setCellValue<num>: %d\n", static_cast<int>(value));
+  const ValueType type = field->second.type;
+  if (type != INTEGER && type != TIMETICKS) return false;
+  // A TimeTicks count wraps like the 32-bit target: a count of 2^31 or more
+  // arrives as a negative long.
+  putCell(idx, column, type == INTEGER ? Variant(value) : Variant(TimeTicksValue{static_cast<uint32_t>(value)}));
+  if (Log["libzelta"].level >= DEBUG) logStored("num", std::to_string(static_cast<int>(value)));
   return true;
+}
+
+void Table::putCell(const RowIdx& idx, unsigned int column, Variant&& cell) {
+  TableRow& row = rows[idx];
+  // An existing cell goes through Variant assignment, which refuses a change
+  // of kind.
+  auto [it, inserted] = row.try_emplace(column, std::move(cell));
+  if (!inserted) it->second = std::move(cell);
+  cellWritten(idx, column);
 }
 
 bool Table::setCellValue(const RowIdx& idx, const unsigned int& column, const Variant& value) {
@@ -220,26 +219,25 @@ int Table::getRowStatus(const RowIdx& idx) const {
   return it->second.empty() ? 2 : 3;
 }
 
-void Table::setRowStatus(const RowIdx& idx, bool active, std::vector<unsigned int> unset) {
+void Table::setRowStatus(const RowIdx& idx, bool active, const std::vector<unsigned int>& unset) {
   if (active) {
     inactive.erase(idx);
   } else if (rows.count(idx) != 0) {
-    inactive[idx] = std::move(unset);
+    TableRow& missing = inactive[idx];
+    missing.clear();
+    for (unsigned int column : unset) missing.emplace(column, Variant());
   }
 }
 
-const std::vector<unsigned int>& Table::unsetColumns(const RowIdx& idx) const {
-  static const std::vector<unsigned int> none;
+bool Table::isCellUnset(const RowIdx& idx, unsigned int column) const {
   auto it = inactive.find(idx);
-  return it == inactive.end() ? none : it->second;
+  return it != inactive.end() && it->second.count(column) != 0;
 }
 
 void Table::cellWritten(const RowIdx& idx, unsigned int column) {
   if (inactive.empty()) return;
   auto it = inactive.find(idx);
-  if (it == inactive.end()) return;
-  std::vector<unsigned int>& unset = it->second;
-  unset.erase(std::remove(unset.begin(), unset.end(), column), unset.end());
+  if (it != inactive.end()) it->second.erase(column);
 }
 
 void Table::forEachRow(const std::function<void(const RowIdx&, TableRow&)>&& fn) {
