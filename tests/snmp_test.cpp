@@ -74,6 +74,43 @@ Strings oidsOf(const std::string& out) {
   return oids;
 }
 
+// What a published table with columns 3 (INTEGER 0..100, never 13), 4
+// (STRING of 0..16 bytes) and 5 (IpAddress, no default) should hold: each
+// row's RowStatus and the cells it has, as text ("7", "abc", "10.0.0.1"),
+// with whether its address was never given.
+struct ModelRow {
+  int status = 1;
+  std::map<unsigned, std::string> cells;
+  bool addressUnset = false;
+};
+using Model = std::map<unsigned long, ModelRow>;
+
+// A cell as snmpwalk -On -Oe prints its value, the default of a cell the row lacks included.
+std::string shown(unsigned column, const ModelRow& row) {
+  auto cell = row.cells.find(column);
+  if (column == 2) return "INTEGER: " + std::to_string(row.status);
+  if (column == 3) return "INTEGER: " + (cell != row.cells.end() ? cell->second : "0");
+  if (column == 4) return cell == row.cells.end() || cell->second.empty() ? "\"\"" : "STRING: \"" + cell->second + "\"";
+  return "IpAddress: " + (cell != row.cells.end() ? cell->second : "0.0.0.0");
+}
+
+// The group file's lines for the active rows of `model`, parameter "model".
+std::string fileText(const Model& model) {
+  std::string text;
+  for (const auto& [index, row] : model) {
+    if (row.status != 1) continue;
+    text += "model." + std::to_string(index) + " = ";
+    for (const auto& [column, value] : row.cells)
+      text += std::to_string(column) +
+              (column == 3   ? ":2:" + value
+               : column == 4 ? ":4:\"" + value + "\""
+                             : ":64:" + value) +
+              " ";
+    text += "\n";
+  }
+  return text;
+}
+
 }  // namespace
 
 TEST_F(AgentTest, KeepsTheLocaleServesCommunitiesAndV3RestartsAndRefusesASecondEngine) {
@@ -529,6 +566,133 @@ TEST_P(TableTest, SurvivesRandomisedRequests) {
     EXPECT_NE(info2.entryAs<DynMibTable>()->getRowStatus(index), -1);
   EXPECT_EQ(occurrences(tool("snmpwalk", "2c", "public", {kBase + ".2.1.2"}).out, kBase + ".2.1.2."),
             table().getRows().size());
+
+  // A random sequence of SETs (creations, cells, activations, deactivations,
+  // destructions) and host writes (setTableCellValue, setValue) on a table
+  // parameter, each step checked against a model of the rows: a GET, a walk
+  // (GETNEXT or GETBULK) and the saved file.
+  stopAgent();
+  TempDir dir;
+  ParamGroup group("model", dir.file("model.txt"));
+  group.setActiveMode(false);  // saved here, not by a countdown
+  auto not13 = [](const Variant& v, const ExtraInfo*) { return v.getLong() != 13; };
+  std::map<unsigned int, FieldType> fields{{3, FieldType(INTEGER, not13, 0, 100)},
+                                           {4, FieldType(STRING, 0, 16)},
+                                           {5, FieldType(IPADDRESS, NO_RANGE, NO_RANGE)}};
+  TableDef modelDef({1}, 2, fields, 1);
+  SNMPInfo modelInfo(kBase + ".4.1", READCREATE);
+  Param param(group, TABLE, Variant(Table(&modelDef)), &modelInfo);
+  ParamManager manager;
+  manager.add("model", &param);
+  ASSERT_TRUE(startAgent({modelInfo.getEntry()}));
+  Model model;
+  const Strings numbers{"0", "7", "13", "100", "101"}, texts{"", "a", "route9", std::string(17, 'x')},
+      addresses{"10.0.0.1", "192.168.7.9"};
+  auto cellOid = [&](unsigned column, unsigned long index) { return cell(column, std::to_string(index), ".4"); };
+  deadline = std::chrono::steady_clock::now() + std::chrono::seconds(90);
+  for (int step = 0; step < 40 && std::chrono::steady_clock::now() < deadline; ++step) {
+    const unsigned long index = 1 + random() % 5;
+    auto row = model.find(index);
+    const bool exists = row != model.end();
+    const unsigned column = 3 + random() % 3;
+    const std::string text = column == 3   ? numbers[random() % 5]
+                             : column == 4 ? texts[random() % 4]
+                                           : addresses[random() % 2];
+    const bool fits = column == 3 ? text != "101" && text != "13" : text.size() <= 16;
+    const char* type = column == 3 ? "i" : column == 4 ? "s" : "a";
+    std::string want, got;
+    switch (random() % 7) {
+      case 0: {  // createAndWait or createAndGo, maybe with a cell
+        const bool go = random() % 2 == 0, withCell = random() % 2 == 0 && fits;
+        Strings set{cellOid(2, index), "i", go ? "4" : "5"};
+        if (withCell) set.insert(set.end(), {cellOid(column, index), type, text});
+        const bool ready = withCell && column == 5;
+        want = exists || (go && !ready) ? "inconsistentValue" : "";
+        got = refusal("2c", set);
+        if (want.empty()) {
+          ModelRow& created = model[index];
+          created.cells = {{3, "0"}, {4, ""}, {5, "0.0.0.0"}};
+          if (withCell) created.cells[column] = text;
+          created.addressUnset = !ready;
+          created.status = go ? 1 : ready ? 2 : 3;
+        }
+        break;
+      }
+      case 1:  // a cell
+      case 2: {
+        want = text == "101"      ? "wrongValue"
+               : text.size() > 16 ? "wrongLength"
+               : !exists          ? "noCreation"
+               : text == "13"     ? "commitFailed"
+                                  : "";
+        got = refusal("2c", {cellOid(column, index), type, text});
+        if (want.empty()) {
+          row->second.cells[column] = text;
+          if (column == 5 && row->second.addressUnset) {
+            row->second.addressUnset = false;
+            row->second.status = 2;
+          }
+        }
+        break;
+      }
+      case 3: {  // active or notInService
+        const int status = random() % 2 == 0 ? 1 : 2;
+        want = !exists || row->second.addressUnset ? "inconsistentValue" : "";
+        got = refusal("2c", {cellOid(2, index), "i", std::to_string(status)});
+        if (want.empty()) row->second.status = status;
+        break;
+      }
+      case 4:  // destroy
+        got = refusal("2c", {cellOid(2, index), "i", "6"});
+        model.erase(index);
+        break;
+      case 5: {  // the host writes a cell, a number into a text column now and then
+        const bool wrongKind = random() % 4 == 0 && column != 3;
+        param.setTableCellValue({index}, column,
+                                wrongKind     ? Variant(5L)
+                                : column == 3 ? Variant(std::stol(text))
+                                              : Variant(text));
+        if (!wrongKind) {
+          ModelRow& written = model[index];  // a missing row is created with this cell only
+          written.cells[column] = text;
+          if (column == 5 && written.addressUnset) {
+            written.addressUnset = false;
+            written.status = 2;
+          }
+        }
+        break;
+      }
+      default: {  // the host writes a whole table: one row fewer, or one more
+        Table next = param.getValueCopy().getTable();
+        if (exists) {
+          next.deleteRow({index});
+          model.erase(index);
+        } else {
+          next.addRow({index});
+          model[index].cells = {{3, "0"}, {4, ""}, {5, "0.0.0.0"}};
+        }
+        param.setValue(next);
+        for (auto& [i, r] : model) r = ModelRow{1, r.cells, false};
+        break;
+      }
+    }
+    EXPECT_EQ(got, want) << "step " << step;
+    // Every cell of the table, column by column, as a walk shows it.
+    Strings expected;
+    for (unsigned c : {2u, 3u, 4u, 5u})
+      for (const auto& [i, r] : model) expected.push_back(cellOid(c, i) + " = " + shown(c, r));
+    ToolResult walk = tool(step % 2 == 0 ? "snmpwalk" : "snmpbulkwalk", "2c", "public", {kBase + ".4"});
+    Strings walked;
+    std::istringstream lines(walk.out);
+    for (std::string line; std::getline(lines, line);)
+      if (line.rfind(kBase + ".4.1.", 0) == 0) walked.push_back(line);
+    ASSERT_EQ(walked, expected) << "step " << step << "\n" << walk.out;
+    auto now = model.find(index);
+    EXPECT_EQ(fetch(cellOid(column, index)),
+              now != model.end() ? shown(column, now->second) : "No Such Instance currently exists at this OID");
+    ASSERT_TRUE(group.save());
+    ASSERT_EQ(dir.read("model.txt"), fileText(model)) << "step " << step;
+  }
 }
 
 }  // namespace zelta_test

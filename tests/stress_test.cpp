@@ -285,33 +285,6 @@ TEST_F(StressTest, HostThreadsManagersAndSavesSeeOnlyWrittenValues) {
   EXPECT_EQ(problems.count, 0) << problems.text;
 }
 
-// A published table given a whole new Table: the agent serves exactly the new
-// rows (gone, changed and new ones), keeps taking SNMP writes into the
-// parameter's value, and the next save holds the new table.
-TEST_F(StressTest, WholeNewTableIsServedAndSaved) {
-  Table replacement(&device->def);
-  for (unsigned long row = 2; row <= kRows + 2; ++row) {
-    replacement.setCellValue({row}, 3, 1001L);
-    replacement.setCellValue({row}, 4, std::string("h1"));
-  }
-  device->routes.setValue(replacement);
-  ToolResult r = v2c("snmpget", {target(), cellOid(3, 1), cellOid(3, kRows + 2), cellOid(4, kRows + 2)});
-  EXPECT_NE(r.out.find(cellOid(3, 1) + " = No Such Instance"), std::string::npos) << r.out;
-  EXPECT_NE(r.out.find(cellOid(3, kRows + 2) + " = INTEGER: 1001"), std::string::npos) << r.out;
-  EXPECT_NE(r.out.find(cellOid(4, kRows + 2) + " = STRING: \"h1\""), std::string::npos) << r.out;
-  r = v2c("snmpset", {target(), cellOid(3, kRows + 1), "i", "2002"});
-  ASSERT_EQ(r.exitCode, 0) << r.out;
-  Variant number;
-  ASSERT_TRUE(device->routes.getTableCellValue({kRows + 1}, 3, number));
-  EXPECT_EQ(number.getLong(), 2002);
-
-  ASSERT_TRUE(device->network.save());
-  std::string expected;
-  for (unsigned long row = 2; row <= kRows + 2; ++row)
-    expected += "routes." + std::to_string(row) + " = 3:2:" + (row == kRows + 1 ? "2002" : "1001") + " 4:4:\"h1\" \n";
-  EXPECT_EQ(dir.read("network.txt"), expected);
-}
-
 // A post-set hook that saves its group while another thread saves: the save
 // must not wait for the file while holding up the library lock the other
 // save needs, or both wait forever.
