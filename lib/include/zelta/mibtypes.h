@@ -330,7 +330,8 @@ class ZELTA_EXPORT DynMibTable : public MibEntry, public IAccessModeChangeable {
   ZELTA_LOCAL void get_request(netsnmp_agent_request_info_s* reqinfo, netsnmp_request_info_s* request);
   ZELTA_LOCAL void get_next_request(netsnmp_agent_request_info_s* reqinfo, netsnmp_request_info_s* request);
   // RESERVE1: each binding on its own (access, index, type, length, range).
-  ZELTA_LOCAL void prepare_set_request(netsnmp_agent_request_info_s* reqinfo, netsnmp_request_info_s* request, void* pending);
+  ZELTA_LOCAL void prepare_set_request(netsnmp_agent_request_info_s* reqinfo, netsnmp_request_info_s* request,
+                                       void* pending);
   // RESERVE2: the bindings of each row together (RowStatus, readiness).
   ZELTA_LOCAL void check_row_transitions(netsnmp_agent_request_info_s* reqinfo, void* pending);
   // ACTION: activeRowsReadOnly and the column validators.
@@ -339,7 +340,7 @@ class ZELTA_EXPORT DynMibTable : public MibEntry, public IAccessModeChangeable {
   ZELTA_LOCAL void commit_set_request(netsnmp_agent_request_info_s* reqinfo, void* pending);
   // Answers a request for a cell of an existing row, the filler having run.
   ZELTA_LOCAL void answer(netsnmp_agent_request_info_s* reqinfo, netsnmp_request_info_s* request, const RowIdx& indexes,
-              const TableRow& row, unsigned int column);
+                          const TableRow& row, unsigned int column);
   // The definition of a host write's column when the row and the column
   // exist; null, with a trace line, otherwise.
   ZELTA_LOCAL const FieldType* writableCell(const RowIdx& indexes, unsigned int column);

@@ -44,4 +44,3 @@ const char* SnmpCodec::smiBaseType() const {
 }
 
 }  // namespace Quorvel::Kvan::SNMP
-

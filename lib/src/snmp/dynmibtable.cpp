@@ -251,8 +251,8 @@ void DynMibTable::get_next_request(netsnmp_agent_request_info_s* reqinfo, netsnm
   }
 }
 
-void DynMibTable::answer(netsnmp_agent_request_info_s* reqinfo, netsnmp_request_info_s* request,
-                         const RowIdx& indexes, const TableRow& row, unsigned int column) {
+void DynMibTable::answer(netsnmp_agent_request_info_s* reqinfo, netsnmp_request_info_s* request, const RowIdx& indexes,
+                         const TableRow& row, unsigned int column) {
   if (column == rowStatusColumn) {
     const long status = table().getRowStatus(indexes);
     snmp_set_var_typed_value(request->requestvb, ASN_INTEGER, &status, sizeof status);
@@ -372,16 +372,14 @@ void DynMibTable::validate_set_request(netsnmp_agent_request_info_s* reqinfo, vo
       if (table().activeRowsReadOnly == 1 && activeNow) {
         ZELTA_TRACE();
         status = SNMP_ERR_COMMITFAILED;
-      } else if (field == definition->fields.end() || c.column < indexColumnCount + 1 ||
-                 field->second.type != c.type) {
+      } else if (field == definition->fields.end() || c.column < indexColumnCount + 1 || field->second.type != c.type) {
         // The Table would refuse the cell.
         ZELTA_TRACE();
         status = SNMP_ERR_COMMITFAILED;
       } else if (field->second.validator) {
         // The ExtraInfo is the validator's to read only; it is freed here.
         ExtraInfo info(row.indexes, kCellSet, static_cast<int>(c.column));
-        if (!field->second.validator(SnmpCodec::of(c.type)->fromSnmp(c.value), &info))
-          status = SNMP_ERR_COMMITFAILED;
+        if (!field->second.validator(SnmpCodec::of(c.type)->fromSnmp(c.value), &info)) status = SNMP_ERR_COMMITFAILED;
       }
       if (status != SNMP_ERR_NOERROR) netsnmp_set_request_error(reqinfo, c.request, status);
     }
@@ -397,8 +395,8 @@ void DynMibTable::commit_set_request(netsnmp_agent_request_info_s* reqinfo, void
   // The row's status after the PDU: destroy once the row is gone.
   auto tellStatus = [&](const PendingRow& p) {
     const int status = rows.getRowStatus(p.indexes);
-    Notifier::committedStatus_nolock(*this, *p.statusRequest->requestvb, status != -1 ? status : kDestroy,
-                                     reqinfo->asp, p.statusRequest->index);
+    Notifier::committedStatus_nolock(*this, *p.statusRequest->requestvb, status != -1 ? status : kDestroy, reqinfo->asp,
+                                     p.statusRequest->index);
   };
   for (PendingRow& pendingRow : pending.rows) {
     const RowIdx& indexes = pendingRow.indexes;
@@ -441,8 +439,7 @@ void DynMibTable::commit_set_request(netsnmp_agent_request_info_s* reqinfo, void
 
 // ---- Construction
 
-DynMibTable::DynMibTable(SNMPInfo* info, Variant* boundValue)
-    : MibEntry(*info), value(boundValue) {
+DynMibTable::DynMibTable(SNMPInfo* info, Variant* boundValue) : MibEntry(*info), value(boundValue) {
   definition = table().getDef();
   Log["libzelta"].append(VERBOSE, "DynMibTable:  oid:   .%s\n", getOid().c_str());
   if (definition == nullptr)

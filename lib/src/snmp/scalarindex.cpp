@@ -112,8 +112,7 @@ MibLeaf* ScalarIndex::find(const unsigned long* name, size_t length) const {
   for (size_t i = h & (slots.size() - 1);; i = (i + 1) & (slots.size() - 1)) {
     const Slot& slot = slots[i];
     if (slot.leaf == nullptr) return nullptr;
-    if (slot.hash == h && compare(*slot.leaf, name, length) == 0)
-      return slot.leaf;
+    if (slot.hash == h && compare(*slot.leaf, name, length) == 0) return slot.leaf;
   }
 }
 
