@@ -1,6 +1,7 @@
 // SNMPAgent over a ParamManager: what a manager writes lands in the group
-// files (on the agent's own port and through snmpd as AgentX master), and the
-// agent's life cycle logs what it did.
+// files (on the agent's own port and through snmpd as AgentX master), a
+// captured SNMPv3 SET is refused after a restart, and the agent's life cycle
+// logs what it did.
 #include <poll.h>
 
 #include <functional>
@@ -156,29 +157,10 @@ TEST_F(SNMPAgentTest, ACapturedV3SetIsRefusedAfterARestart) {
     startAgent(options);
     ASSERT_NE(agent, nullptr);
     const std::string captured = captureThroughRelay(port, [&](int relayPort) {
-      const ToolResult r = runTool({"snmpset",
-                                    "-v3",
-                                    "-u",
-                                    "zeltauser",
-                                    "-l",
-                                    "authPriv",
-                                    "-a",
-                                    "SHA",
-                                    "-A",
-                                    "auth-pass-1",
-                                    "-x",
-                                    "AES",
-                                    "-X",
-                                    "priv-pass-1",
-                                    "-On",
-                                    "-t",
-                                    "2",
-                                    "-r",
-                                    "0",
-                                    "127.0.0.1:" + std::to_string(relayPort),
-                                    "." + kBase + ".1.0",
-                                    "i",
-                                    "42"});
+      Strings set{"snmpset", "-v3", "-u", "zeltauser", "-l", "authPriv", "-a", "SHA", "-A", "auth-pass-1", "-x", "AES"};
+      set.insert(set.end(), {"-X", "priv-pass-1", "-On", "-t", "2", "-r", "0", "127.0.0.1:" + std::to_string(relayPort),
+                             "." + kBase + ".1.0", "i", "42"});
+      const ToolResult r = runTool(set);
       EXPECT_EQ(r.exitCode, 0) << r.out;
     });
     auto replay = [&] {
