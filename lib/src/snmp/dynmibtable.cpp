@@ -283,7 +283,7 @@ void DynMibTable::answer(netsnmp_agent_request_info_s* reqinfo, netsnmp_request_
   codec.answer(request->requestvb, cell);
 }
 
-void DynMibTable::prepare_set_request(netsnmp_agent_request_info_s* reqinfo, netsnmp_request_info_s* request,
+ZELTA_COLD void DynMibTable::prepare_set_request(netsnmp_agent_request_info_s* reqinfo, netsnmp_request_info_s* request,
                                       void* pendingData) {
   auto& pending = *static_cast<PendingSet*>(pendingData);
   const netsnmp_variable_list& vb = *request->requestvb;
@@ -331,7 +331,7 @@ void DynMibTable::prepare_set_request(netsnmp_agent_request_info_s* reqinfo, net
   if (status != SNMP_ERR_NOERROR) netsnmp_set_request_error(reqinfo, request, status);
 }
 
-void DynMibTable::check_row_transitions(netsnmp_agent_request_info_s* reqinfo, void* pendingRef) {
+ZELTA_COLD void DynMibTable::check_row_transitions(netsnmp_agent_request_info_s* reqinfo, void* pendingRef) {
   auto& pending = *static_cast<PendingSet*>(pendingRef);
   for (PendingRow& row : pending.rows) {
     netsnmp_request_info* blame = row.statusRequest != nullptr ? row.statusRequest : row.cells.front().request;
@@ -374,7 +374,7 @@ void DynMibTable::check_row_transitions(netsnmp_agent_request_info_s* reqinfo, v
   if (beyond != nullptr) netsnmp_set_request_error(reqinfo, beyond->statusRequest, SNMP_ERR_RESOURCEUNAVAILABLE);
 }
 
-void DynMibTable::validate_set_request(netsnmp_agent_request_info_s* reqinfo, void* pendingRef) {
+ZELTA_COLD void DynMibTable::validate_set_request(netsnmp_agent_request_info_s* reqinfo, void* pendingRef) {
   auto& pending = *static_cast<PendingSet*>(pendingRef);
   const size_t indexColumnCount = definition->indexColumns.size();
   for (PendingRow& row : pending.rows) {
@@ -399,7 +399,7 @@ void DynMibTable::validate_set_request(netsnmp_agent_request_info_s* reqinfo, vo
   }
 }
 
-void DynMibTable::commit_set_request(netsnmp_agent_request_info_s* reqinfo, void* pendingRef) {
+ZELTA_COLD void DynMibTable::commit_set_request(netsnmp_agent_request_info_s* reqinfo, void* pendingRef) {
   auto& pending = *static_cast<PendingSet*>(pendingRef);
   Table& rows = table();
   auto write = [&](const RowIdx& indexes, const PendingCell& c) {

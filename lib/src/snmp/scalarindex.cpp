@@ -5,6 +5,7 @@
 #include <iterator>
 #include <map>
 
+#include "base/trace.h"
 #include "snmp/agentengine.h"
 #include "snmp/notifier.h"
 #include "snmp/scalarindex.h"
@@ -255,7 +256,7 @@ netsnmp_handler_registration indexedMark{};
 
 }  // namespace
 
-void ScalarIndex::build(const std::vector<MibLeaf*>& candidates, std::vector<size_t>& refused) {
+ZELTA_COLD void ScalarIndex::build(const std::vector<MibLeaf*>& candidates, std::vector<size_t>& refused) {
   // One pass over the leaves, where they lie in memory: their OIDs into
   // records, and the mark that they are registered (taken back from those
   // refused).

@@ -94,7 +94,7 @@ bool Table::getRow(RowIdx idx, TableRow& out) {
 // Cells compare by Variant equality, so a row lacking the column (given an
 // UNDEFINED cell here) or holding another kind is a programming error, and
 // strings never match: searches are meant for number and address columns.
-bool Table::findRowWithMatch(const unsigned int& column, const Variant& value, RowIdx& out) {
+ZELTA_COLD bool Table::findRowWithMatch(const unsigned int& column, const Variant& value, RowIdx& out) {
   for (auto& [idx, row] : rows) {
     if (row[column] == value) {
       out = idx;
@@ -104,7 +104,7 @@ bool Table::findRowWithMatch(const unsigned int& column, const Variant& value, R
   return false;
 }
 
-bool Table::findRowWithMatch(const unsigned int& column, const Variant& value, TableRow& out) {
+ZELTA_COLD bool Table::findRowWithMatch(const unsigned int& column, const Variant& value, TableRow& out) {
   for (auto& entry : rows) {
     if (entry.second[column] == value) {
       out = entry.second;
@@ -247,7 +247,7 @@ void Table::forEachRow(const std::function<void(const RowIdx&, TableRow&)>&& fn)
 // The first row of an empty table is all zeros (0, or 0.0), not one. After
 // that the last row's final component is stepped without carry: the result
 // sorts after every row, so it is free without a scan.
-RowIdx Table::getNextAvailableRowIdx() {
+ZELTA_COLD RowIdx Table::getNextAvailableRowIdx() {
   RowIdx next;
   if (rows.empty()) {
     Log["libzelta"].append(VERBOSE, "Table: num of idx: %d\n", def->numIdx);
@@ -261,7 +261,7 @@ RowIdx Table::getNextAvailableRowIdx() {
 }
 
 // REQUIRES: start has numIdx components.
-RowIdx Table::getNextAvailableRowIdx(const RowIdx& start) {
+ZELTA_COLD RowIdx Table::getNextAvailableRowIdx(const RowIdx& start) {
   RowIdx next = start;
   while (rows.count(next) != 0) stepLastComponent(next, def->numIdx);
   logNewRowId(next);

@@ -197,7 +197,7 @@ Table* Variant::getMutableTable() {
   return val.tbl;
 }
 
-std::string Variant::toString() const {
+ZELTA_COLD std::string Variant::toString() const {
   switch (getType()) {
     case VariantType::UNDEFINED:
       return "[UNDEFINED]";
