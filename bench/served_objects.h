@@ -37,7 +37,7 @@ class ServedObjects {
   }
   ~ServedObjects() { stopServing(); }
 
-  // Row `i` as the file loader adds it: the Table's row, then the agent's copy.
+  // Row `i` as the host adds it: its cells into the Table, then active.
   void addRow(unsigned long i) {
     Table* rows = tableValue.getMutableTable();
     rows->addOrUpdateRow({i});

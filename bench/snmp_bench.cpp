@@ -180,8 +180,8 @@ void BM_TableBulkwalk(benchmark::State& state) {
 }
 BENCHMARK(BM_TableBulkwalk)->Iterations(3)->Unit(benchmark::kMillisecond)->UseRealTime();
 
-// Resident memory per row of a 10,000-row table: the Table row, the agent's
-// copy and Net-SNMP's row together.
+// Resident memory per row of a 10,000-row table while the agent serves it:
+// the Table row, which is all the agent keeps of it.
 void BM_MemoryPerRow(benchmark::State& state) {
   double bytesPerRow = Agents::get().bytesPerRow;
   for (auto _ : state) benchmark::DoNotOptimize(bytesPerRow);
