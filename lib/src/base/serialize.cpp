@@ -4,7 +4,6 @@
 #include <cstring>
 
 #include "base/filetext.h"
-#include "base/trace.h"
 #include "zelta/common.h"
 #include "zelta/logging.h"
 
@@ -63,6 +62,12 @@ std::string deserialize(std::string_view quoted) {
   LogChannel& channel = Log["libzelta"];
   // The text is copied for the line only when the line is written.
   if (channel.level >= VERBOSE) channel.append(VERBOSE, "Common: input: [%s]\n", std::string(quoted).c_str());
+  std::string out;
+  const char* error = decodeQuoted(quoted, out);
+  return error == nullptr ? out : error;
+}
+
+const char* decodeQuoted(std::string_view quoted, std::string& out) {
   const size_t n = quoted.size();
   if (n == 0) return "[error - len]";
   if (quoted[0] != '"') return "[error - start]";
@@ -71,7 +76,7 @@ std::string deserialize(std::string_view quoted) {
   // in one piece.
   size_t i = 1;
   while (i < n && quoted[i] != '"' && quoted[i] != '\\' && isAsciiPrint(static_cast<unsigned char>(quoted[i]))) ++i;
-  std::string out(quoted.substr(1, i - 1));
+  out.assign(quoted.substr(1, i - 1));
   while (true) {
     // The end of the text counts as a non-printable character: an error.
     if (i >= n) return "[error]";
@@ -97,11 +102,7 @@ std::string deserialize(std::string_view quoted) {
       return "[error]";
     }
   }
-  if (quoted[i] != '"') {
-    ZELTA_TRACE();
-    return "[error]";
-  }
-  return out;
+  return nullptr;
 }
 
 }  // namespace Quorvel::Kvan::Common

@@ -135,7 +135,10 @@ ParamGroup::ParamGroup(const ParamGroup& other)
       params(other.params),
       members(other.members),
       active(other.active.load()),
-      atomicSave(other.atomicSave) {}
+      atomicSave(other.atomicSave),
+      keepForeign(other.keepForeign),
+      checkedLoading(other.checkedLoading),
+      foreignLines(other.getForeignLines()) {}
 
 ParamGroup& ParamGroup::operator=(const ParamGroup& other) {
   if (this != &other) {
@@ -144,8 +147,18 @@ ParamGroup& ParamGroup::operator=(const ParamGroup& other) {
     params = other.params;
     members = other.members;
     atomicSave = other.atomicSave;
+    keepForeign = other.keepForeign;
+    checkedLoading = other.checkedLoading;
+    std::string lines = other.getForeignLines();
+    LibraryLockGuard lock(libraryMutex());
+    foreignLines = std::move(lines);
   }
   return *this;
+}
+
+std::string ParamGroup::getForeignLines() const {
+  LibraryLockGuard lock(libraryMutex());
+  return foreignLines;
 }
 
 void ParamGroup::setParams(const std::string& groupName, const std::string& path) {
@@ -177,6 +190,7 @@ bool ParamGroup::save() {
       param->appendFileText(text);
       ++count;  // NEVER_SAVE parameters are counted too
     }
+    text += foreignLines;
     snapshot = nextSnapshot_nolock();
   }
   FileWrites& writes = fileWrites();
