@@ -158,6 +158,9 @@ TEST(Settings, CheckedLoadingKeepsDefaultsAndLeavesRefusedLinesInTheFile) {
       "volume.0 = 0:2:101\nname.0 = 0:4:\"cupboard9\"\ngateway.0 = 0:4:\"10.0.0.2\"\n"
       "address.0 = 0:4:\"1234\"\nmetrics.2 = 3:2:4 \nmetrics.1 = 3:2:13 \n";
   EXPECT_EQ(dir.read("box.txt"), kept);
+  manager.loadAllGroups();
+  ASSERT_TRUE(group.save());
+  EXPECT_EQ(dir.read("box.txt"), kept);
   volume.setValue(50);
   metrics.setTableCellValue({2}, 3, Variant(5L));
   ASSERT_TRUE(group.save());

@@ -531,6 +531,9 @@ void GroupFileReader::applyEntry(Param* param, const Param::FormerName* former, 
     log.append(VERBOSE, "ParamManager: - stem %s, type: [%d]\n", std::string(stemView).c_str(),
                static_cast<int>(param->getType()));
   if (checkAll || param->getGroup()->isCheckedLoading()) {
+    // What this load refuses replaces what an earlier one held: a table's
+    // refused lines would pile up otherwise.
+    if (reheld.insert(param).second) Access::forgetHeldLines(*param);
     applyChecked(param, former, key, value, line);
   } else if (param->getType() == TABLE) {
     if (!setTableRow(value, param, former != nullptr ? &former->columns : nullptr))

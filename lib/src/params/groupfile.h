@@ -166,6 +166,7 @@ class GroupFileReader {
   std::unordered_map<std::string, FormerKey> formerKeys;
   std::vector<Waiting> waiting;
   std::unordered_set<const Param*> readUnderCurrentKey;  // kept only while there are former keys
+  std::unordered_set<const Param*> reheld;  // checked parameters whose held lines this load replaced
 };
 
 // The way of the reader and of configuration changes into what Param and
@@ -176,6 +177,7 @@ struct Access {
   // Keeps a line a checked load refused, written by saves until the value
   // changes; a single value keeps its last one.
   static void holdLine(Param& param, std::string_view line);
+  static void forgetHeldLines(Param& param) { param.forgetHeldLines_nolock(); }
   static void setForeignLines(ParamGroup& group, std::string lines) { group.foreignLines = std::move(lines); }
   static void runPostSets(Param& param, const ExtraInfo* info) {
     for (auto& hook : param.postSets) hook(param.value, info);
