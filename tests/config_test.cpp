@@ -164,8 +164,9 @@ TEST(Settings, CheckedLoadingKeepsDefaultsAndLeavesRefusedLinesInTheFile) {
   volume.setValue(50);
   metrics.setTableCellValue({2}, 3, Variant(5L));
   ASSERT_TRUE(group.save());
-  EXPECT_EQ(dir.read("box.txt"), "volume.0 = 0:2:50\nname.0 = 0:4:\"cupboard9\"\ngateway.0 = 0:4:\"10.0.0.2\"\n"
-                                 "address.0 = 0:4:\"1234\"\nmetrics.2 = 3:2:5 \n");
+  EXPECT_EQ(dir.read("box.txt"),
+            "volume.0 = 0:2:50\nname.0 = 0:4:\"cupboard9\"\ngateway.0 = 0:4:\"10.0.0.2\"\n"
+            "address.0 = 0:4:\"1234\"\nmetrics.2 = 3:2:5 \n");
 }
 
 namespace {
@@ -254,7 +255,8 @@ TEST_F(SettingsAgentTest, ImportIsAllOrNothingAndServedAtOnce) {
   EXPECT_EQ(valueOf(walk(kBase + ".5"), kBase + ".5.1.3.4"), "IpAddress: 10.9.0.0");
   // Each section is its group's whole setting: what it leaves out is the
   // factory's.
-  EXPECT_EQ(dir.read("settings.txt"), "volume.0 = 0:2:55\nname.0 = 0:4:\"den\"\nserial.0 = 0:4:\"SN1\"\nhidden.0 = 0:2:1\n");
+  EXPECT_EQ(dir.read("settings.txt"),
+            "volume.0 = 0:2:55\nname.0 = 0:4:\"den\"\nserial.0 = 0:4:\"SN1\"\nhidden.0 = 0:2:1\n");
   EXPECT_EQ(dir.read("network.txt"), "routes.4 = 3:64:10.9.0.0 4:2:5 \npresets.1 = 3:4:\"jazz\" \n");
   EXPECT_EQ(actions, std::vector<int>{ACTION_IMPORTED});
 }

@@ -90,8 +90,7 @@ class ZELTA_EXPORT ParamManager {
   std::string exportConfig(const std::vector<ParamGroup*>& groups = {}) const;
   // exportConfig written to `path`, the old file replaced only by a whole new
   // one. False, with `error` set, when it cannot be written.
-  bool exportConfigFile(const std::string& path, std::string& error,
-                        const std::vector<ParamGroup*>& groups = {}) const;
+  bool exportConfigFile(const std::string& path, std::string& error, const std::vector<ParamGroup*>& groups = {}) const;
 
   // Applies such a text, all or nothing, to those of the groups it has a
   // header for (sections of other groups are skipped). A section is its

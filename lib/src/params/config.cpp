@@ -4,7 +4,7 @@
 //   [system]
 //   volume.0 = 0:2:42
 //   [network]
-//   routes.1 = 3:64:10.1.0.0 4:2:3 5:4:"uplink" 
+//   routes.1 = 3:64:10.1.0.0 4:2:3 5:4:"uplink" <- table lines end with a blank
 //   # end of configuration
 //
 // An import is read and checked in full before anything changes; the values
@@ -45,8 +45,8 @@ struct Assignment {
 // REQUIRES: library lock held.
 Variant factoryValueOf(const Param& param) {
   const Variant& factory = param.getFactoryValue();
-  if (param.getType() == TABLE && factory.getType() == VariantType::TABLEDEF && factory.getTable().getDef() == nullptr &&
-      param.getValue().getType() == VariantType::TABLEDEF)
+  if (param.getType() == TABLE && factory.getType() == VariantType::TABLEDEF &&
+      factory.getTable().getDef() == nullptr && param.getValue().getType() == VariantType::TABLEDEF)
     return Variant(Table(param.getValue().getTable().getDef()));
   return factory;
 }
@@ -132,8 +132,7 @@ class Importer {
   }
   bool header(std::string_view name, size_t number, std::string& error);
   bool entry(std::string_view line, size_t number, std::string& error);
-  bool stage(Param* param, const Param::FormerName* former, std::string_view line, size_t number,
-             std::string& error);
+  bool stage(Param* param, const Param::FormerName* former, std::string_view line, size_t number, std::string& error);
   bool closeSection(std::string& error);
 
   groupfile::LineScanner scanner;
@@ -229,12 +228,13 @@ bool Importer::entry(std::string_view line, size_t number, std::string& error) {
     if (formerKey != formerKeys.end()) std::tie(param, former) = formerKey->second;
   }
   if (param == nullptr)
-    return keeps ? keep() : fail(error, number, "no parameter of group [" + group.getName() + "] has the key '" +
-                                                    groupfile::shown(stem) + "'");
+    return keeps ? keep()
+                 : fail(error, number,
+                        "no parameter of group [" + group.getName() + "] has the key '" + groupfile::shown(stem) + "'");
   if (param->getGroup() != &group)
-    return fail(error, number,
-                std::string(key) + " belongs to group [" + param->getGroup()->getName() + "], not [" +
-                    group.getName() + "]");
+    return fail(
+        error, number,
+        std::string(key) + " belongs to group [" + param->getGroup()->getName() + "], not [" + group.getName() + "]");
   if (former != nullptr) {
     section->formerLines.push_back(FormerLine{number, param, former, line});
     return true;

@@ -270,7 +270,6 @@ bool LineScanner::splitTriplet(std::string_view text, size_t& next, unsigned int
 
 // ---- Checked values
 
-
 std::string shown(std::string_view text) {
   const size_t kLongest = 64;
   std::string out;
@@ -557,8 +556,8 @@ void GroupFileReader::applyChecked(Param* param, const Param::FormerName* former
     auto found = table->getRows().find(index);
     const bool existed = found != table->getRows().end();
     TableRow row = existed ? found->second : TableRow();
-    taken = checkRowText(scanner, *param, index, value, former != nullptr ? &former->columns : nullptr,
-                         ACTION_LOADED, row, why);
+    taken = checkRowText(scanner, *param, index, value, former != nullptr ? &former->columns : nullptr, ACTION_LOADED,
+                         row, why);
     if (taken) {
       if (!existed) table->completeRow(row);
       bool created = false;

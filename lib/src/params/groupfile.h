@@ -20,9 +20,9 @@
 #include <regex.h>
 
 #include <cstddef>
+#include <map>
 #include <string>
 #include <string_view>
-#include <map>
 #include <unordered_map>
 #include <unordered_set>
 #include <utility>
@@ -161,12 +161,12 @@ class GroupFileReader {
   std::string stem;           // the last stem looked up, and its parameter
   Param* lastParam = nullptr;
   const Param::FormerName* lastFormer = nullptr;
-  std::string path;                 // the file being read
-  std::string* foreign = nullptr;   // where the lines of no parameter go, or null
+  std::string path;                // the file being read
+  std::string* foreign = nullptr;  // where the lines of no parameter go, or null
   std::unordered_map<std::string, FormerKey> formerKeys;
   std::vector<Waiting> waiting;
   std::unordered_set<const Param*> readUnderCurrentKey;  // kept only while there are former keys
-  std::unordered_set<const Param*> reheld;  // checked parameters whose held lines this load replaced
+  std::unordered_set<const Param*> reheld;               // checked parameters whose held lines this load replaced
 };
 
 // The way of the reader and of configuration changes into what Param and
