@@ -135,6 +135,9 @@ int main(int argc, char** argv) {
   for (ParamGroup* group : {&demo.system, &demo.network}) group->setKeepForeignLines(true);
   manager.setCheckedLoading(true);
   manager.loadAllGroups();
+  // A manager can create 64 routes at most: nobody can fill the device's
+  // memory with them.
+  demo.routesInfo.entryAs<DynMibTable>()->setMaxRows(64);
   if (!exportFile.empty() || !importFile.empty() || factoryReset) {
     std::string error, done;
     bool ok = true;
