@@ -62,33 +62,39 @@ std::string deserialize(std::string_view quoted) {
   LogChannel& channel = Log["libzelta"];
   // The text is copied for the line only when the line is written.
   if (channel.level >= VERBOSE) channel.append(VERBOSE, "Common: input: [%s]\n", std::string(quoted).c_str());
-  std::string out;
-  const char* error = decodeQuoted(quoted, out);
-  return error == nullptr ? out : error;
+  const char* error = nullptr;
+  std::string out = decodeQuoted(quoted, error);
+  if (error != nullptr) return error;
+  return out;
 }
 
-const char* decodeQuoted(std::string_view quoted, std::string& out) {
+std::string decodeQuoted(std::string_view quoted, const char*& error) {
+  const auto fail = [&](const char* text) {
+    error = text;
+    return std::string();
+  };
+  error = nullptr;
   const size_t n = quoted.size();
-  if (n == 0) return "[error - len]";
-  if (quoted[0] != '"') return "[error - start]";
+  if (n == 0) return fail("[error - len]");
+  if (quoted[0] != '"') return fail("[error - start]");
 
   // Plain characters up to the first escape or the closing quote are taken
   // in one piece.
   size_t i = 1;
   while (i < n && quoted[i] != '"' && quoted[i] != '\\' && isAsciiPrint(static_cast<unsigned char>(quoted[i]))) ++i;
-  out.assign(quoted.substr(1, i - 1));
+  std::string out(quoted.substr(1, i - 1));
   while (true) {
     // The end of the text counts as a non-printable character: an error.
-    if (i >= n) return "[error]";
+    if (i >= n) return fail("[error]");
     unsigned char c = static_cast<unsigned char>(quoted[i]);
     if (c == '"') break;
-    if (!isAsciiPrint(c)) return "[error]";
+    if (!isAsciiPrint(c)) return fail("[error]");
     if (c != '\\') {
       out += static_cast<char>(c);
       ++i;
       continue;
     }
-    if (i + 1 >= n) return "[error]";
+    if (i + 1 >= n) return fail("[error]");
     unsigned char next = static_cast<unsigned char>(quoted[i + 1]);
     if (next == '\\' || next == '"') {
       out += static_cast<char>(next);
@@ -99,10 +105,10 @@ const char* decodeQuoted(std::string_view quoted, std::string& out) {
                                hexValue(static_cast<unsigned char>(quoted[i + 3])));
       i += 4;
     } else {
-      return "[error]";
+      return fail("[error]");
     }
   }
-  return nullptr;
+  return out;
 }
 
 }  // namespace Quorvel::Kvan::Common

@@ -31,6 +31,8 @@ namespace Quorvel::Kvan {
 namespace {
 
 using groupfile::Access;
+using groupfile::printed;
+using groupfile::shown;
 
 const char kEndLine[] = "# end of configuration";
 
@@ -127,7 +129,7 @@ class Importer {
   };
 
   bool fail(std::string& error, size_t number, const std::string& why) {
-    error = "line " + std::to_string(number) + ": " + why;
+    error = printed("line %zu: %s", number, why.c_str());
     return false;
   }
   bool header(std::string_view name, size_t number, std::string& error);
@@ -147,8 +149,8 @@ class Importer {
 
 bool Importer::read(const std::string& text, std::string& error) {
   if (text.size() > ParamManager::kMaxConfigBytes) {
-    error = "the text is " + std::to_string(text.size()) + " bytes, more than the " +
-            std::to_string(ParamManager::kMaxConfigBytes) + " an import takes";
+    error =
+        printed("the text is %zu bytes, more than the %zu an import takes", text.size(), ParamManager::kMaxConfigBytes);
     return false;
   }
   // Control characters other than tabs and line ends appear in no group
@@ -165,7 +167,7 @@ bool Importer::read(const std::string& text, std::string& error) {
   if (text.empty() || text.back() != '\n' ||
       trimmed(std::string_view(text).substr(lastStart, text.size() - 1 - lastStart)) != kEndLine)
     return fail(error, static_cast<size_t>(std::count(text.begin(), text.end(), '\n')) + 1,
-                std::string("the text ends without its last line '") + kEndLine + "': it is cut short");
+                printed("the text ends without its last line '%s': it is cut short", kEndLine));
   size_t number = 0;
   for (size_t start = 0; start < lastStart;) {
     const size_t end = text.find('\n', start);
@@ -191,12 +193,12 @@ bool Importer::header(std::string_view name, size_t number, std::string& error) 
   for (ParamGroup* candidate : known) {
     if (candidate->getName() != name) continue;
     if (group != nullptr && group != candidate)
-      return fail(error, number, "two groups are named '" + std::string(name) + "'");
+      return fail(error, number, printed("two groups are named '%s'", shown(name).c_str()));
     group = candidate;
   }
-  if (group == nullptr) return fail(error, number, "no group is named '" + groupfile::shown(name) + "'");
+  if (group == nullptr) return fail(error, number, printed("no group is named '%s'", shown(name).c_str()));
   if (std::find(seen.begin(), seen.end(), group) != seen.end())
-    return fail(error, number, "a second section for group [" + group->getName() + "]");
+    return fail(error, number, printed("a second section for group [%s]", group->getName().c_str()));
   seen.push_back(group);
   inSection = true;
   if (std::find(chosen.begin(), chosen.end(), group) == chosen.end()) return true;  // skipped
@@ -230,11 +232,12 @@ bool Importer::entry(std::string_view line, size_t number, std::string& error) {
   if (param == nullptr)
     return keeps ? keep()
                  : fail(error, number,
-                        "no parameter of group [" + group.getName() + "] has the key '" + groupfile::shown(stem) + "'");
+                        printed("no parameter of group [%s] has the key '%s'", group.getName().c_str(),
+                                shown(stem).c_str()));
   if (param->getGroup() != &group)
-    return fail(
-        error, number,
-        std::string(key) + " belongs to group [" + param->getGroup()->getName() + "], not [" + group.getName() + "]");
+    return fail(error, number,
+                printed("%s belongs to group [%s], not [%s]", shown(key).c_str(), param->getGroup()->getName().c_str(),
+                        group.getName().c_str()));
   if (former != nullptr) {
     section->formerLines.push_back(FormerLine{number, param, former, line});
     return true;
@@ -261,14 +264,14 @@ bool Importer::stage(Param* param, const Param::FormerName* former, std::string_
   if (param->getType() != TABLE) {
     Variant checked;
     if (!groupfile::checkScalarText(scanner, *param, value, ACTION_IMPORTED, checked, why))
-      return fail(error, number, std::string(key) + ": " + why);
+      return fail(error, number, printed("%s: %s", shown(key).c_str(), why.c_str()));
     staged.scalar = std::move(checked);
     return true;
   }
   TableRow row;
   if (!groupfile::checkRowText(scanner, *param, index, value, former != nullptr ? &former->columns : nullptr,
                                ACTION_IMPORTED, row, why))
-    return fail(error, number, std::string(key) + ": " + why);
+    return fail(error, number, printed("%s: %s", shown(key).c_str(), why.c_str()));
   if (!staged.rows) staged.rows = std::make_unique<Table>(param->getValue().getTable().getDef());
   staged.rows->completeRow(row);
   bool created = false;
@@ -323,7 +326,7 @@ void ParamManager::factoryReset(const std::vector<ParamGroup*>& which) {
 
 std::string ParamManager::exportConfig(const std::vector<ParamGroup*>& which) const {
   std::vector<ParamGroup*> targets = chosen(which);
-  std::stable_sort(targets.begin(), targets.end(), [](const ParamGroup* a, const ParamGroup* b) {
+  std::sort(targets.begin(), targets.end(), [](const ParamGroup* a, const ParamGroup* b) {
     return a->getName() != b->getName() ? a->getName() < b->getName() : a->getFilePath() < b->getFilePath();
   });
   std::string text;
@@ -344,7 +347,7 @@ std::string ParamManager::exportConfig(const std::vector<ParamGroup*>& which) co
 bool ParamManager::exportConfigFile(const std::string& path, std::string& error,
                                     const std::vector<ParamGroup*>& which) const {
   if (internal::replaceFile(path, exportConfig(which))) return true;
-  error = "cannot write '" + path + "': " + strerror(errno);
+  error = printed("cannot write '%s': %s", path.c_str(), strerror(errno));
   return false;
 }
 
@@ -367,15 +370,15 @@ bool ParamManager::importConfigFile(const std::string& path, std::string& error,
   const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
   struct stat info {};
   if (fd < 0 || fstat(fd, &info) != 0 || !S_ISREG(info.st_mode)) {
-    error = "cannot read '" + path + "'" + (fd < 0 ? std::string(": ") + strerror(errno) : ": not a file");
+    error = printed("cannot read '%s': %s", path.c_str(), fd < 0 ? strerror(errno) : "not a file");
     if (fd >= 0) close(fd);
     return false;
   }
   std::string text;
   bool read = false;
   if (static_cast<unsigned long long>(info.st_size) > kMaxConfigBytes) {
-    error = "'" + path + "' is " + std::to_string(info.st_size) + " bytes, more than the " +
-            std::to_string(kMaxConfigBytes) + " an import takes";
+    error = printed("'%s' is %lld bytes, more than the %zu an import takes", path.c_str(),
+                    static_cast<long long>(info.st_size), kMaxConfigBytes);
   } else {
     // Read up to one byte past the limit: a file that grew meanwhile is
     // still refused by the import.
@@ -385,7 +388,7 @@ bool ParamManager::importConfigFile(const std::string& path, std::string& error,
     for (ssize_t n; got < text.size() && (n = ::read(fd, &text[got], text.size() - got)) != 0;) {
       if (n < 0 && errno == EINTR) continue;
       if (n < 0) {
-        error = "cannot read '" + path + "': " + strerror(errno);
+        error = printed("cannot read '%s': %s", path.c_str(), strerror(errno));
         read = false;
         break;
       }

@@ -6,7 +6,9 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdarg>
 #include <cstdint>
+#include <cstdio>
 #include <cstring>
 #include <functional>
 
@@ -270,6 +272,15 @@ bool LineScanner::splitTriplet(std::string_view text, size_t& next, unsigned int
 
 // ---- Checked values
 
+std::string printed(const char* format, ...) {
+  char text[512];
+  va_list args;
+  va_start(args, format);
+  const int length = vsnprintf(text, sizeof text, format, args);
+  va_end(args);
+  return std::string(text, length < 0 ? 0 : std::min(static_cast<size_t>(length), sizeof text - 1));
+}
+
 std::string shown(std::string_view text) {
   const size_t kLongest = 64;
   std::string out;
@@ -282,8 +293,6 @@ std::string shown(std::string_view text) {
 }
 
 namespace {
-
-std::string boundsText(long min, long max) { return std::to_string(min) + ".." + std::to_string(max); }
 
 // A former layout's column number as today's; false when today's layout has
 // no such column (the map gives 0).
@@ -301,18 +310,19 @@ bool checkValue(ValueType type, int written, std::string_view text, const Bounds
                 const std::function<bool(const Variant&)>& validate, Variant& out, std::string& why) {
   const ValueCodec* codec = ValueCodec::of(type);
   if (codec == nullptr) {
-    why = "type " + std::to_string(type) + " holds no single value";
+    why = printed("type %d holds no single value", static_cast<int>(type));
   } else if (!codec->readsFileType(written)) {
-    why = "written as type " + std::to_string(written) + ", not as type " + std::to_string(type);
+    why = printed("written as type %d, not as type %d", written, static_cast<int>(type));
   } else if (!codec->parseCheckedFileValue(text, out)) {
-    why = "'" + shown(text) + "' is no value of type " + std::to_string(type);
+    why = printed("'%s' is no value of type %d", shown(text).c_str(), static_cast<int>(type));
   } else if (type == STRING && !codec->lengthFits(out.getString().size(), bounds)) {
-    why = "length " + std::to_string(out.getString().size()) + " outside " + boundsText(bounds.min, bounds.max);
+    why = printed("length %zu outside %u..%u", out.getString().size(), static_cast<unsigned>(bounds.min),
+                  static_cast<unsigned>(bounds.max));
   } else if (type == INTEGER && !codec->inRange(out.getLong(), bounds)) {
-    why = std::to_string(out.getLong()) + " outside " +
-          boundsText(static_cast<int32_t>(bounds.min), static_cast<int32_t>(bounds.max));
+    why = printed("%ld outside %d..%d", out.getLong(), static_cast<int>(static_cast<int32_t>(bounds.min)),
+                  static_cast<int>(static_cast<int32_t>(bounds.max)));
   } else if (validate && !validate(out)) {
-    why = shown(text) + " refused by the validator";
+    why = printed("%s refused by the validator", shown(text).c_str());
   } else {
     return true;
   }
@@ -359,7 +369,7 @@ bool checkRowText(LineScanner& scanner, const Param& param, const RowIdx& index,
     return false;
   }
   if (def->numIdx >= 0 && index.size() != static_cast<size_t>(def->numIdx)) {
-    why = "an index of " + std::to_string(index.size()) + " components, not " + std::to_string(def->numIdx);
+    why = printed("an index of %zu components, not %d", index.size(), def->numIdx);
     return false;
   }
   while (!value.empty()) {
@@ -368,14 +378,14 @@ bool checkRowText(LineScanner& scanner, const Param& param, const RowIdx& index,
     int type = 0;
     std::string_view text;
     if (!scanner.splitTriplet(value, next, column, type, text) || !endsCleanly(value, next)) {
-      why = "'" + shown(value) + "' is no column:type:value triplet";
+      why = printed("'%s' is no column:type:value triplet", shown(value).c_str());
       return false;
     }
     value.remove_prefix(std::min(next, value.size()));
     if (!renumber(columns, column)) continue;
     auto field = def->fields.find(column);
     if (column == def->rowStatusColumn || field == def->fields.end()) {
-      why = "no value column " + std::to_string(column);
+      why = printed("no value column %u", column);
       return false;
     }
     const FieldType& fieldType = field->second;
@@ -384,7 +394,7 @@ bool checkRowText(LineScanner& scanner, const Param& param, const RowIdx& index,
     if (!checkValue(
             fieldType.type, type, text, Bounds(fieldType.min, fieldType.max),
             [&](const Variant& v) { return !fieldType.validator || fieldType.validator(v, &info); }, cell, why)) {
-      why = "column " + std::to_string(column) + ": " + why;
+      why = printed("column %u: %s", column, why.c_str());
       return false;
     }
     storeCell(row, column, std::move(cell));

@@ -103,6 +103,8 @@ bool checkRowText(LineScanner& scanner, const Param& param, const RowIdx& index,
 // `text` for a log line or an error: at most 64 bytes, bytes that are not
 // printable ASCII shown as '?'.
 std::string shown(std::string_view text);
+// A refusal's text, as printf formats it (at most 511 bytes).
+std::string printed(const char* format, ...) __attribute__((format(printf, 1, 2)));
 
 // Reads group files into the parameters of a registry. One reader serves a
 // whole load: lines under a parameter's former key wait until every file is

@@ -169,9 +169,10 @@ bool ValueCodec::parseCheckedFileValue(std::string_view text, Variant& out) cons
       return fromText(std::string(text), out);
     case STRING:
     case LOGADDRMAIN: {
-      std::string bytes;
+      const char* error = nullptr;
+      const std::string bytes = Common::decodeQuoted(text, error);
       // One quoted text, nothing after its closing quote.
-      if (Common::decodeQuoted(text, bytes) != nullptr || text.find('"', 1) != text.size() - 1) return false;
+      if (error != nullptr || text.find('"', 1) != text.size() - 1) return false;
       if (type_ == STRING) {
         out = Variant(bytes);
         return true;
