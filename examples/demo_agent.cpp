@@ -116,6 +116,9 @@ int main(int argc, char** argv) {
   zelta_demo::DemoParams demo(dataDir);
   ParamManager& manager = demo.manager;
   manager.loadAllGroups();
+  // A manager can create 64 routes at most: nobody can fill the device's
+  // memory with them.
+  demo.routesInfo.entryAs<DynMibTable>()->setMaxRows(64);
 
   signal(SIGINT, onSignal);
   signal(SIGTERM, onSignal);

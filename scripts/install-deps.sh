@@ -4,7 +4,7 @@
 set -euo pipefail
 
 packages=(cmake g++ make pkg-config file dpkg-dev libgtest-dev libgmock-dev libbenchmark-dev libsnmp-dev snmp snmpd snmptrapd
-  clang libclang-rt-14-dev smitools python3-pysnmp4 "$@")
+  clang libclang-rt-14-dev smitools python3-pysnmp4 python3-pysmi "$@")
 # The MIB module tests fetch the IETF base modules with npm: any npm will do.
 command -v npm >/dev/null 2>&1 || packages+=(npm)
 missing=()

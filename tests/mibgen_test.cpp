@@ -265,8 +265,9 @@ struct SmallRegistry {
   ParamGroup group{"small", "/nonexistent/small.txt"};
   SNMPInfo volumeInfo{"1.3.6.1.4.1.99999.7.1.1.0", READWRITE};
   Param volume{group, INTEGER, &volumeInfo, NEVER_SAVE, {0, 100}};
-  std::map<unsigned int, FieldType> routeFields{{3, FieldType(STRING, NO_RANGE, NO_RANGE)}};
-  TableDef routeDef{{1}, 2, routeFields, 1};
+  // Rows of any index length, with cells that start outside their column's bounds.
+  std::map<unsigned int, FieldType> routeFields{{3, FieldType(STRING, 1, 12)}, {4, FieldType(INTEGER, 1, 16)}};
+  TableDef routeDef{{1}, 2, routeFields, -1};
   SNMPInfo routesInfo{"1.3.6.1.4.1.99999.7.2.1", READCREATE};
   Param routes{group, TABLE, Variant(Table(&routeDef)), &routesInfo, NEVER_SAVE};
   std::deque<SNMPInfo> infos;
@@ -305,6 +306,78 @@ TEST(MibGen, AnAgentsModuleHasTheEntriesAddedToItToo) {
   EXPECT_NE(text.find("\nvolume OBJECT-TYPE\n"), std::string::npos);
 }
 
+// Rows a manager creates start with cells their SETs would refuse, and rows
+// take any number of index components: another compiler (pysmi) and another
+// manager's library (pysnmp) read each served instance back to its name and
+// OID, each value inside its SYNTAX; Net-SNMP's tools read them by name too.
+TEST(MibGen, ManagerMadeRowsAndVariableIndexesReadBackInAnotherManager) {
+  REQUIRE_BASE_MODULES();
+  if (runTool({"/usr/bin/python3", "-c", "import pysmi, pysnmp"}).exitCode != 0)
+    GTEST_SKIP() << "pysmi or pysnmp (python3-pysmi, python3-pysnmp4) is not installed";
+  SmallRegistry small;
+  ModuleFiles files(small.options.moduleName);
+  std::string error;
+  ASSERT_TRUE(writeMibModule(files.file(), small.manager, small.options, error)) << error;
+  const std::string text = Common::getFileContents(files.file());
+  for (const char* said : {"INDEX       { IMPLIED routesColumn1 }", "SYNTAX      OCTET STRING (SIZE (0 | 1..12))",
+                           "A SET takes 1..12 bytes only", "SYNTAX      Integer32 (0 | 1..16)", "A SET takes 1..16 only"})
+    EXPECT_NE(text.find(said), std::string::npos) << said;
+  // smilint's only words: an OBJECT IDENTIFIER index has no size bound.
+  for (const std::string& line : lines(files.lint())) EXPECT_NE(line.find("index"), std::string::npos) << line;
+
+  int port = 0;
+  auto agent = startServingAgent(&small.manager, port);
+  ASSERT_NE(agent, nullptr);
+  const std::string target = "127.0.0.1:" + std::to_string(port);
+  ToolResult set = files.netSnmp("snmpset", {"-v2c", "-c", "vorpal", target, "routesRowStatus.5.6", "=", "createAndGo",
+                                             "routesRowStatus.7", "=", "createAndWait", "routesRowStatus.4294967295.0.1",
+                                             "=", "createAndGo", "routesColumn4.4294967295.0.1", "=", "16"});
+  EXPECT_EQ(set.exitCode, 0) << set.out;
+  files.expectWalkByName(target, "zeltaSmallMIB");
+
+  TempDir python;
+  const std::string script = python.write("read.py", R"(import sys
+from pysmi.codegen import PySnmpCodeGen
+from pysmi.compiler import MibCompiler
+from pysmi.parser import SmiV2Parser
+from pysmi.reader import FileReader
+from pysmi.searcher import PyPackageSearcher, StubSearcher
+from pysmi.writer import PyFileWriter
+from pysnmp.hlapi import *
+from pysnmp.smi import builder, view
+mibs, base, out, module, port, root = sys.argv[1:]
+compiler = MibCompiler(SmiV2Parser(), PySnmpCodeGen(), PyFileWriter(out))
+compiler.addSources(FileReader(mibs), FileReader(base))
+compiler.addSearchers(PyPackageSearcher('pysnmp.smi.mibs'), StubSearcher(*PySnmpCodeGen.baseMibs))
+status = compiler.compile(module, genTexts=True)
+if status.get(module) != 'compiled':
+    sys.exit('pysmi: %s' % status)
+mibBuilder = builder.MibBuilder()
+mibBuilder.addMibSources(builder.DirMibSource(out))
+mibBuilder.loadModules(module)
+mib = view.MibViewController(mibBuilder)
+for error, state, at, binds in bulkCmd(SnmpEngine(), CommunityData('public'),
+        UdpTransportTarget(('127.0.0.1', int(port)), timeout=2, retries=0), ContextData(), 0, 8,
+        ObjectType(ObjectIdentity(root)), lexicographicMode=False, lookupMib=False):
+    if error or state:
+        sys.exit('walk failed: %s' % (error or state.prettyPrint()))
+    for oid, value in binds:
+        name = ObjectIdentity(oid).resolveWithMib(mib)
+        owner, label, indices = name.getMibSymbol()
+        again = ObjectIdentity(owner, label, *indices).resolveWithMib(mib).getOid()
+        if owner != module or again != oid:
+            sys.exit('%s reads as %s, which is %s' % (oid, name.prettyPrint(), again))
+        name.getMibNode().getSyntax().clone(value)  # raises for a value outside the SYNTAX
+        print('%s = %s' % (name.prettyPrint(), value.prettyPrint()))
+)");
+  const ToolResult read = runTool({"/usr/bin/python3", script, files.dir.path(), kBaseModules, python.path(),
+                                   small.options.moduleName, std::to_string(port), small.options.oid});
+  EXPECT_EQ(read.exitCode, 0) << read.out;
+  for (const char* line : {"::routesColumn3.5.6 = \n", "::routesColumn4.5.6 = 0\n", "::routesRowStatus.7 = 2\n",
+                           "::routesColumn4.7 = 0\n", "::routesColumn4.4294967295.0.1 = 16\n", "::volume.0 = 0\n"})
+    EXPECT_NE(read.out.find(small.options.moduleName + line), std::string::npos) << line << read.out;
+}
+
 TEST(MibGen, WhatNoModuleCanSayIsAnErrorNamingTheObjectAndWritesNothing) {
   using Change = std::function<void(SmallRegistry&)>;
   const std::vector<std::pair<Change, Strings>> cases{
@@ -320,6 +393,7 @@ TEST(MibGen, WhatNoModuleCanSayIsAnErrorNamingTheObjectAndWritesNothing) {
       {[](auto& s) { s.options.objects["routes"].columnNames[9] = "nine"; }, {"'routes'", "column 9"}},
       {[](auto& s) { s.addScalar("empty", "", Param::Range(10, 5)); }, {"'empty'", "range"}},
       {[](auto& s) { s.routeDef.rowStatusColumn = 0; }, {"'routes'", "RowStatus"}},
+      {[](auto& s) { s.routeDef.indexColumns = {1, 6}; }, {"'routes'", "any number of index components"}},
       {[](auto& s) { s.options.moduleName = "zelta-mib"; }, {"zelta-mib"}},
       {[](auto& s) { s.notify("moved", "1.3.6.1.4.1.88888.0.1"); }, {"notification moved", "below the module's OID"}},
       {[](auto& s) { s.notify("clash", "1.3.6.1.4.1.99999.7.1.1.0.1"); }, {"notification clash", "meets"}},

@@ -76,27 +76,48 @@ Strings oidsOf(const std::string& out) {
 
 }  // namespace
 
-TEST_F(AgentTest, KeepsTheLocaleServesCommunitiesAndV3RestartsAndRefusesASecondEngine) {
+// Each community and the v3 user answer their own sources only: from
+// elsewhere nothing is answered, as with an unknown community. A source that
+// is no prefix is an ERROR line and opens nothing.
+TEST_F(AgentTest, KeepsTheLocaleServesCommunitiesAndV3FromTheirSourcesRestartsAndRefusesASecondEngine) {
   Scalar s(1, Variant(1L), as<IntMibLeaf>);
   AgentConfig config;
   config.sysDescr = "zelta test agent";
   config.v3User = "zeltauser";
   config.v3AuthPass = "auth-pass-1";
   config.v3PrivPass = "priv-pass-1";
+  config.roSources = {"127.0.0.3", "127.0.0.0/7", "127.0.0.1"};
+  config.rwSources = {"127.0.0.1/32"};
+  config.v3Sources = {"127.0.0.0/32", "127.0.0.1"};
   setenv("LC_ALL", "C.UTF-8", 1);
   setlocale(LC_CTYPE, "C");
-  bool started = startAgent({s.info.getEntry()}, config);
+  bool started = false;
+  const std::string log = captureLog(WARNING, [&] { started = startAgent({s.info.getEntry()}, config); });
   unsetenv("LC_ALL");
   ASSERT_TRUE(started);
   EXPECT_STREQ(setlocale(LC_CTYPE, nullptr), "C");
+  EXPECT_NE(log.find("AgentEngine: source '127.0.0.0/7' of the read-only community ignored: it is no IPv4 address "
+                     "or prefix (a.b.c.d or a.b.c.d/n)\n"),
+            std::string::npos)
+      << log;
+  EXPECT_NE(log.find("AgentEngine: SNMPv3 without an engine state file: the engine ID changes at every start\n"),
+            std::string::npos);
+  EXPECT_EQ(occurrences(log, "[libzelta]"), 2u) << log;
   EXPECT_EQ(fetch(".1.3.6.1.2.1.1.1.0"), "STRING: \"zelta test agent\"");
   EXPECT_NE(tool("snmpget", "2c", "nobody", {leaf(1)}).out.find("Timeout"), std::string::npos);
   EXPECT_EQ(reason(tool("snmpset", "2c", "public", {leaf(1), "i", "2"}).out), "noAccess");
   EXPECT_EQ(reason(tool("snmpset", "1", "public", {leaf(1), "i", "2"}).out), "noSuchName");
-  ToolResult v3 = runTool({"snmpset", "-v3",         "-u", "zeltauser", "-l",    "authPriv",    "-a",  "SHA",
-                           "-A",      "auth-pass-1", "-x", "AES",       "-X",    "priv-pass-1", "-On", "-t",
-                           "1",       "-r",          "0",  target(),    leaf(1), "i",           "3"});
-  EXPECT_EQ(valueOf(v3.out, leaf(1)), "INTEGER: 3") << v3.out;
+  const Strings v2Get{"snmpget", "-v2c", "-c", "public"}, v2Set{"snmpset", "-v2c", "-c", "vorpal"},
+      v3Set{"snmpset", "-v3", "-u",          "zeltauser", "-l",  "authPriv", "-a",
+            "SHA",     "-A",  "auth-pass-1", "-x",        "AES", "-X",       "priv-pass-1"};
+  for (const std::string source : {"127.0.0.1", "127.0.0.2"}) {
+    for (Strings request : {v2Get, v2Set, v3Set}) {
+      request.insert(request.end(), {"--clientaddr=" + source, "-On", "-t", "1", "-r", "0", target(), leaf(1)});
+      if (request[0] == "snmpset") request.insert(request.end(), {"i", "3"});
+      const ToolResult r = runTool(request);
+      EXPECT_EQ(r.out.find("Timeout"), source == "127.0.0.1" ? std::string::npos : 0u) << source << r.out;
+    }
+  }
   EXPECT_EQ(s.value.getLong(), 3);
 
   config.port = freeUdpPort();  // free, so that only the running engine stands in the way
@@ -142,6 +163,88 @@ TEST_F(AgentTest, MalformedDatagramsCannotFillTheLog) {
   log = captureLog(WARNING, [&] { stopAgent(); });
   EXPECT_NE(log.find("Net-SNMP: "), std::string::npos);
   EXPECT_NE(log.find(" were not logged\n"), std::string::npos) << log;
+}
+
+// ---- Safe on an open network: the engine over restarts, managers by source
+
+// What a start serves SNMPv3 under, read over SNMP: snmpEngineID.0 as the
+// state file writes it ("0x80001f88..."), and snmpEngineBoots.0.
+struct Served {
+  std::string id;
+  long boots = 0;
+};
+
+// Three restarts count the boots up under one engine ID, which the host's
+// fixed engine ID replaces as it would without a state file. A state file
+// that cannot be read (empty, cut short, garbage) or written is an ERROR
+// line, and the start takes a new random engine ID with boots 1, so no
+// (engine ID, boots) pair is ever served twice; boots stay at their maximum.
+TEST_F(AgentTest, EngineBootsGrowOverRestartsAndNoBadStateFileServesAPairAgain) {
+  Scalar s(1, Variant(1L), as<IntMibLeaf>);
+  TempDir dir;
+  AgentConfig config;
+  config.engineStateFile = dir.file("engine");
+  std::string log;
+  auto serve = [&](const AgentConfig& c) {
+    stopAgent();
+    log = captureLog(ERROR, [&] { EXPECT_TRUE(startAgent({s.info.getEntry()}, c)); });
+    const std::string kEngine = ".1.3.6.1.6.3.10.2.1.";
+    const ToolResult r = get("2c", {kEngine + "1.0", kEngine + "2.0"});
+    Served served{"0x", atol(valueOf(r.out, kEngine + "2.0").substr(9).c_str())};
+    for (char digit : valueOf(r.out, kEngine + "1.0").substr(12))
+      if (digit != ' ') served.id += static_cast<char>(tolower(digit));
+    return served;
+  };
+  auto state = [](const Served& e) { return "engineID " + e.id + "\nengineBoots " + std::to_string(e.boots) + "\n"; };
+
+  const Served first = serve(config);
+  EXPECT_EQ(first.boots, 1);
+  for (long boots : {2, 3}) {
+    if (boots == 3) {
+      // Net-SNMP counts a boot of its own at a start when the engine time it
+      // last told seems to go back.
+      std::this_thread::sleep_for(std::chrono::milliseconds(1100));
+      EXPECT_NE(fetch(".1.3.6.1.6.3.10.2.1.3.0").find("INTEGER: "), std::string::npos);
+    }
+    const Served next = serve(config);
+    EXPECT_EQ(next.id, first.id);
+    EXPECT_EQ(next.boots, boots);
+  }
+  EXPECT_EQ(dir.read("engine"), state({first.id, 3}));
+  EXPECT_EQ(log, "");
+
+  config.engineId = "zelta-box";
+  AgentConfig stateless = config;
+  stateless.engineStateFile.clear();
+  const Served fixed = serve(config);
+  EXPECT_EQ(fixed.id, serve(stateless).id);
+  EXPECT_EQ(fixed.boots, 4);
+
+  const std::string valid = state(fixed);
+  for (const std::string& bad : {std::string(), valid.substr(0, valid.size() - 1), "\x7f garbage\n" + valid}) {
+    dir.write("engine", bad);
+    const Served fresh = serve(config);
+    EXPECT_NE(log.find("AgentEngine: cannot read the engine state file " + config.engineStateFile +
+                       ": it holds no engine ID and boots count"),
+              std::string::npos)
+        << log;
+    EXPECT_NE(fresh.id, fixed.id);
+    EXPECT_EQ(fresh.boots, 1);
+    EXPECT_EQ(dir.read("engine"), bad);
+  }
+  dir.write("engine", state({fixed.id, 2147483647}));
+  EXPECT_EQ(serve(config).boots, 2147483647);
+  EXPECT_NE(log.find("snmpEngineBoots has reached 2147483647"), std::string::npos) << log;
+  EXPECT_EQ(dir.read("engine"), state({fixed.id, 2147483647}));
+
+  // A directory nobody can create a file in, root included.
+  config.engineStateFile = "/proc/zelta-engine-state";
+  const Served once = serve(config), twice = serve(config);
+  EXPECT_NE(log.find("AgentEngine: cannot write the engine state file /proc/zelta-engine-state: "), std::string::npos)
+      << log;
+  EXPECT_NE(once.id, twice.id);
+  EXPECT_NE(once.id, fixed.id);
+  EXPECT_EQ(twice.boots, 1);
 }
 
 // ---- Scalar groups: few registrations, the wire as with one per scalar

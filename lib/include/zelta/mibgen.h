@@ -8,7 +8,9 @@
 // SNMPv2-TC's RowStatus), the NOTIFICATION-TYPEs the host names, and an
 // OBJECT-GROUP, NOTIFICATION-GROUP and MODULE-COMPLIANCE that list every
 // accessible object and notification. SYNTAX is the one the agent checks SET values
-// against.
+// against, widened by the value a table cell starts at when a SET would refuse
+// it (the DESCRIPTION then says what a SET takes); a table whose rows take any
+// number of index components has an IMPLIED OBJECT IDENTIFIER index.
 //
 // Thread safety: the functions only read the registry, the published objects
 // and their table definitions, and take no lock. Call them once the registry
@@ -85,7 +87,8 @@ struct MibModuleOptions {
 // False with `error` naming the object or option at fault and `text` as it
 // was: an object outside the module's OID, a name that is no valid
 // descriptor or is taken, a table without RowStatus column, a range that
-// holds no value, a module without objects.
+// holds no value, a table whose rows take any number of index components but
+// that has more than one index column, a module without objects.
 ZELTA_EXPORT bool generateMibModule(const ParamManager& manager, const MibModuleOptions& options, std::string& text,
                                     std::string& error);
 // The same for everything `agent` publishes: the manager's parameters and the

@@ -331,6 +331,13 @@ class ZELTA_EXPORT DynMibTable : public MibEntry, public IAccessModeChangeable {
   // value (a number for a string column, text that is not an address).
   bool setCellValue(const std::vector<unsigned long>& indexes, const unsigned int& column, const long& value);
   bool setCellValue(const std::vector<unsigned long>& indexes, const unsigned int& column, const std::string& value);
+  // The most rows a manager can make the table hold, so that nobody can
+  // flood it: a SET that would create a row beyond it answers
+  // resourceUnavailable and changes nothing. Rows a PDU destroys make room
+  // for those it creates. Rows the host adds (addRow, a file, Param's
+  // setValue) are not limited. 0 (the default) = no limit. Any thread.
+  void setMaxRows(size_t limit) { maxRowCount.store(limit); }
+  size_t getMaxRows() const { return maxRowCount.load(); }
   // RowStatus of a row: -1 when absent, otherwise 1, 2 or 3.
   int getRowStatus(const std::vector<unsigned long>& indexes);
   int getRowStatus(const std::string& index);
@@ -412,6 +419,7 @@ class ZELTA_EXPORT DynMibTable : public MibEntry, public IAccessModeChangeable {
   std::map<RowIdx, MibRow> rows;
   netsnmp_tdata_s* tdata = nullptr;
   netsnmp_table_registration_info_s* tableInfo = nullptr;
+  std::atomic<size_t> maxRowCount{0};
 };
 
 }  // namespace Quorvel::Kvan::SNMP

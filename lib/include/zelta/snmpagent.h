@@ -1,7 +1,9 @@
 // The SNMP agent of the library: a thread of its own that opens a UDP port and
 // serves the SNMP object of every published parameter of a ParamManager, with
-// the standard snmp, target, notification and system groups, and sends
-// coldStart and change notifications (README, "Notifications"). As an AgentX
+// the standard snmp, snmpEngine, target, notification and system groups, and
+// sends coldStart and change notifications (README, "Notifications"). It
+// limits who may talk to it by community, user and source address, and keeps
+// its SNMPv3 engine's boots count over restarts (README, "Security"). As an AgentX
 // subagent (Options::agentxMaster) it opens no port: it registers the same
 // objects with the device's master agent (snmpd with `master agentx`), which
 // answers the managers and serves the standard groups itself. It waits for a
@@ -79,6 +81,18 @@ class ZELTA_EXPORT SNMPAgent {
     size_t maxPendingInforms = 256;           // unacknowledged informs kept for retries; the oldest go first
     std::string agentxMaster;                 // AgentX master (socket path, tcp:HOST:PORT) to serve through; "" = port
     int agentxPingSeconds = 5;                // subagent: seconds between pings of the master, and between reconnects
+    // Keeps the engine ID and snmpEngineBoots over restarts, so that an SNMPv3
+    // message captured before a restart is refused after it (README,
+    // "Security"); "" = none: with v3User set, each start then takes a new
+    // random engine ID and engineId is not used.
+    std::string engineStateFile;
+    // Source addresses or prefixes ("192.0.2.7", "10.0.0.0/8") each community
+    // and the v3 user are accepted from; empty = any. A request from
+    // elsewhere is dropped; an entry that is no IPv4 address or prefix is
+    // logged and matches nothing.
+    std::vector<std::string> roCommunitySources;
+    std::vector<std::string> rwCommunitySources;
+    std::vector<std::string> v3UserSources;
   };
 
   // No I/O: the port is opened by the agent thread.

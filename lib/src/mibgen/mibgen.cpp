@@ -212,6 +212,8 @@ struct Column {
   const char* access = "read-only";
   bool isIndex = false;
   bool isStatus = false;
+  std::string defval;  // DEFVAL's value; "" = none
+  std::string note;    // said after the DESCRIPTION: what a SET takes when SYNTAX holds more
 };
 
 struct Object {
@@ -225,6 +227,7 @@ struct Object {
   std::string syntax;           // a scalar's
   std::vector<Column> columns;  // in column order
   std::vector<unsigned int> index;
+  bool impliedIndex = false;  // rows take any number of index components
 };
 
 struct Notification {
@@ -245,6 +248,32 @@ const char* codecSyntaxCheck(const SnmpCodec& codec, const Bounds& bounds) {
   if (codec.type() == STRING && bounds.min > std::min<size_t>(bounds.max, internal::kMaxStringLen))
     return "its length range holds no length the agent takes (at most 1023 bytes)";
   return nullptr;
+}
+
+// What a cell serves until it is set: the cells of a row a manager creates,
+// and those a host's or a file's row leaves out, start there.
+SnmpValue cellDefault(const SnmpCodec& codec) {
+  SnmpValue value;
+  codec.toSnmp(codec.defaultValue(), value);
+  return value;
+}
+
+// Whether a SET of `value` to a column with these bounds passes the agent's
+// checks, asked of a binding that holds it.
+bool setTakes(const SnmpCodec& codec, const Bounds& bounds, const SnmpValue& value) {
+  netsnmp_variable_list vb{};
+  codec.answer(&vb, value);
+  SnmpValue checked;
+  const bool takes = codec.checkSet(vb, bounds, checked) == SNMP_ERR_NOERROR && codec.inRange(checked, bounds);
+  snmp_free_var_internals(&vb);
+  return takes;
+}
+
+// A DEFVAL's value: a number, or a quoted string (the defaults of the types
+// whose cells have one are printable).
+std::string defvalText(const SnmpCodec& codec, const SnmpValue& value) {
+  if (std::string(codec.smiBaseType()) != "OCTET STRING") return std::to_string(value.num);
+  return "\"" + value.bytes + "\"";
 }
 
 class Generator {
@@ -360,6 +389,13 @@ class Generator {
     if (def->numIdx != -1 && static_cast<size_t>(def->numIdx) != def->indexColumns.size())
       fail(object.owner + ": its rows have " + std::to_string(def->numIdx) + " index components but " +
            std::to_string(def->indexColumns.size()) + " index columns");
+    // Rows of any length of index: an IMPLIED OBJECT IDENTIFIER is the one
+    // INDEX whose instances are any sub-identifiers, as many as the row has.
+    object.impliedIndex = def->numIdx == -1;
+    if (object.impliedIndex && def->indexColumns.size() != 1)
+      fail(object.owner + ": its rows take any number of index components, which one index column can declare, "
+                          "but it has " +
+           std::to_string(def->indexColumns.size()));
     const bool readOnly = object.access == READONLY;
     std::map<unsigned int, Column> columns;
     auto add = [&](unsigned long number, Column column) {
@@ -372,13 +408,13 @@ class Generator {
     for (unsigned long number : def->indexColumns) {
       Column column;
       column.isIndex = true;
-      column.syntax = kIndexSyntax;
-      column.sequenceType = "Unsigned32";
+      column.syntax = object.impliedIndex ? "OBJECT IDENTIFIER" : kIndexSyntax;
+      column.sequenceType = object.impliedIndex ? "OBJECT IDENTIFIER" : "Unsigned32";
       column.access = "not-accessible";
       add(number, column);
       object.index.push_back(static_cast<unsigned int>(number));
     }
-    imports.insert("Unsigned32");
+    if (!object.impliedIndex) imports.insert("Unsigned32");
     Column status;
     status.isStatus = true;
     if (readOnly) {
@@ -403,6 +439,9 @@ class Generator {
       column.sequenceType = codec->smiBaseType();
       // The agent creates rows for read-write tables as well.
       column.access = readOnly ? "read-only" : "read-create";
+      const SnmpValue start = cellDefault(*codec);
+      if (!setTakes(*codec, bounds, start)) widen(*codec, bounds, start, readOnly, column);
+      if (!readOnly && codec->hasCellDefault()) column.defval = defvalText(*codec, start);
       imports.insert(codec->smiBaseType());
       add(number, column);
     }
@@ -415,6 +454,31 @@ class Generator {
       }
     }
     for (auto& [number, column] : columns) object.columns.push_back(column);
+  }
+
+  // A column whose cells start at a value its SET refuses: the SYNTAX holds
+  // that value too, as a value (a length for a string) of its own next to the
+  // bounds, "Integer32 (0 | 1..16)", and the DESCRIPTION tells what a SET
+  // takes. Only INTEGER and STRING columns have bounds.
+  static void widen(const SnmpCodec& codec, const Bounds& bounds, const SnmpValue& start, bool readOnly,
+                    Column& column) {
+    const bool number = codec.type() == INTEGER;
+    const long long point = number ? start.num : static_cast<long long>(start.bytes.size());
+    const long long lowest = number ? static_cast<int32_t>(bounds.min) : static_cast<long long>(bounds.min);
+    // The bounds are the codec's innermost parentheses.
+    const size_t open = column.syntax.rfind('(');
+    const size_t close = column.syntax.find(')', open);
+    ZELTA_ASSERT(open != std::string::npos && close != std::string::npos, "a SET refuses a default by its bounds");
+    const std::string taken = column.syntax.substr(open + 1, close - open - 1);
+    const std::string unit = number ? "" : " bytes";
+    if (point < lowest)
+      column.syntax.insert(open + 1, std::to_string(point) + " | ");
+    else
+      column.syntax.insert(close, " | " + std::to_string(point));
+    column.note = readOnly ? "The device gives it " + taken + unit + "; a row holds " + std::to_string(point) + unit +
+                                 " until it does."
+                           : "A SET takes " + taken + unit + " only; a row holds " + std::to_string(point) + unit +
+                                 " until one is set.";
   }
 
   void collectNotifications() {
@@ -610,7 +674,7 @@ class Generator {
     std::vector<std::string> index;
     for (unsigned int number : object.index) {
       for (const Column& column : object.columns)
-        if (column.number == number) index.push_back(column.name);
+        if (column.number == number) index.push_back((object.impliedIndex ? "IMPLIED " : "") + column.name);
     }
     out += objectType(entry, type, "not-accessible", "A row of " + table + ".",
                       list("    INDEX       { ", index, " }") + "    ::= { " + table + " 1 }\n");
@@ -624,8 +688,11 @@ class Generator {
     }
     out += "}\n";
     for (const Column& column : object.columns) {
-      out += "\n" + objectType(column.name, column.syntax, column.access, columnDescription(object, column, table),
-                               "    ::= { " + entry + " " + std::to_string(column.number) + " }\n");
+      std::string said = columnDescription(object, column, table);
+      if (!column.note.empty()) said += " " + column.note;
+      const std::string defval = column.defval.empty() ? "" : "    DEFVAL      { " + column.defval + " }\n";
+      out += "\n" + objectType(column.name, column.syntax, column.access, said,
+                               defval + "    ::= { " + entry + " " + std::to_string(column.number) + " }\n");
     }
     return out;
   }
@@ -636,6 +703,8 @@ class Generator {
       if (given != object.text->columnDescriptions.end() && !given->second.empty()) return given->second;
     }
     if (column.isIndex) {
+      if (object.impliedIndex)
+        return "The index of a row of " + table + ": one or more sub-identifiers, as many as the row has.";
       if (object.index.size() == 1) return "The index of a row of " + table + ".";
       const size_t position = std::find(object.index.begin(), object.index.end(), column.number) - object.index.begin();
       return "Component " + std::to_string(position + 1) + " of the index of a row of " + table + ".";

@@ -18,7 +18,9 @@
 #include "base/ratelimit.h"
 #include "snmp/agentengine.h"
 #include "snmp/agentxlink.h"
+#include "snmp/enginestate.h"
 #include "snmp/scalarindex.h"
+#include "snmp/sourcefilter.h"
 #include "zelta/logging.h"
 #include "zelta/mibtypes.h"
 
@@ -33,6 +35,7 @@ void init_snmpNotifyFilterProfileTable(void);
 void init_snmpNotifyFilterTable(void);
 void init_system_mib(void);
 void init_sysORTable(void);
+void init_snmpEngine(void);
 // The agent's main session (libnetsnmpagent exports it; no installed header
 // declares it).
 extern netsnmp_session* main_session;
@@ -124,41 +127,82 @@ bool configWord(const std::string& text, std::string& out) {
   return true;
 }
 
+// One community line per source the community is accepted from ("default":
+// any). A limit whose entries are all unusable leaves the community out, so
+// that it is open to nobody rather than to everybody. True when the
+// community is accepted from any source.
+bool rememberCommunity(const std::string& token, const std::string& community, const std::vector<std::string>& sources,
+                       const char* whose) {
+  std::string word;
+  if (!configWord(community, word)) {
+    if (!community.empty())
+      Log["libzelta"].append(WARNING, "AgentEngine: %s ignored: it holds quotes or line ends\n", whose);
+    return false;
+  }
+  if (sources.empty()) remember(token + " " + word + " default");
+  for (const SourcePrefix& prefix : parseSources(sources, whose)) remember(token + " " + word + " " + prefix.text());
+  return sources.empty();
+}
+
+// The v3 user's lines; false when there is no usable user.
+bool rememberV3User(const AgentConfig& config) {
+  std::string user, auth, priv;
+  if (config.v3User.empty()) return false;
+  if (!configWord(config.v3User, user) || !configWord(config.v3AuthPass, auth)) {
+    Log["libzelta"].append(WARNING,
+                           "AgentEngine: SNMPv3 user ignored: it needs a name and an authentication "
+                           "passphrase without quotes or line ends\n");
+    return false;
+  }
+  if (!config.v3PrivPass.empty() && configWord(config.v3PrivPass, priv)) {
+    remember("createUser " + user + " SHA " + auth + " AES " + priv);
+    remember("rwuser " + user + " priv");
+  } else {
+    remember("createUser " + user + " SHA " + auth);
+    remember("rwuser " + user + " auth");
+  }
+  if (!config.v3Sources.empty()) limitV3UserSources(config.v3User, parseSources(config.v3Sources, "SNMPv3 user"));
+  return true;
+}
+
+// The engine ID and boots count this start serves under. Without a state
+// file nothing remembers earlier starts, so an SNMPv3 user is served under a
+// new random engine ID each time, never under a fixed one whose boots count
+// starts at 1 again.
+void rememberEngineIdentity(const AgentConfig& config, bool servesV3) {
+  std::string idText;
+  if (!configWord(config.engineId, idText)) idText.clear();
+  EngineIdentity identity;
+  if (!config.engineStateFile.empty()) {
+    identity = startFromStateFile(config.engineStateFile, idText);
+  } else if (!servesV3 && !idText.empty()) {
+    identity.idText = idText;
+  } else {
+    if (servesV3)
+      Log["libzelta"].append(WARNING,
+                             "AgentEngine: SNMPv3 without an engine state file: the engine ID changes at every "
+                             "start%s\n",
+                             idText.empty() ? "" : "; the fixed engine ID is not used without one");
+    identity.engineId = randomEngineId();
+  }
+  configureEngineIdentity(identity);
+}
+
 void rememberConfig(const AgentConfig& config) {
   // No MIB file is parsed: the agent needs none, and parsing costs start-up
   // time and file reads.
   remember("mibs :");
   // A subagent's managers talk to the master, which checks who they are.
   if (config.isSubagent()) return;
-  std::string word;
-  // The community lines accept every source that can reach the socket; the
-  // listen address is what limits who can.
-  if (configWord(config.roCommunity, word))
-    remember("rocommunity " + word + " default");
-  else if (!config.roCommunity.empty())
-    Log["libzelta"].append(WARNING, "AgentEngine: read-only community ignored: it holds quotes or line ends\n");
-  if (configWord(config.rwCommunity, word))
-    remember("rwcommunity " + word + " default");
-  else if (!config.rwCommunity.empty())
-    Log["libzelta"].append(WARNING, "AgentEngine: read-write community ignored: it holds quotes or line ends\n");
-
-  std::string user, auth, priv;
-  if (!config.v3User.empty()) {
-    if (configWord(config.v3User, user) && configWord(config.v3AuthPass, auth)) {
-      if (!config.v3PrivPass.empty() && configWord(config.v3PrivPass, priv)) {
-        remember("createUser " + user + " SHA " + auth + " AES " + priv);
-        remember("rwuser " + user + " priv");
-      } else {
-        remember("createUser " + user + " SHA " + auth);
-        remember("rwuser " + user + " auth");
-      }
-    } else {
-      Log["libzelta"].append(WARNING,
-                             "AgentEngine: SNMPv3 user ignored: it needs a name and an authentication "
-                             "passphrase without quotes or line ends\n");
-    }
-  }
-  if (configWord(config.engineId, word)) remember("engineID " + word);
+  rememberCommunity("rocommunity", config.roCommunity, config.roSources, "read-only community");
+  if (rememberCommunity("rwcommunity", config.rwCommunity, config.rwSources, "read-write community") &&
+      !isLoopbackAddress(config.listenAddress))
+    Log["libzelta"].append(WARNING,
+                           "AgentEngine: the read-write community is accepted from any source address on %s, "
+                           "port %d; limit its sources or listen on a loopback address\n",
+                           config.listenAddress.empty() ? "every interface" : config.listenAddress.c_str(),
+                           config.port);
+  rememberEngineIdentity(config, rememberV3User(config));
 
   if (config.systemGroup) {
     const std::pair<const char*, const std::string*> texts[] = {{"sysdescr", &config.sysDescr},
@@ -195,6 +239,7 @@ void setOptions(const AgentConfig& config, const std::string& persistentDir) {
 
 void initStandardGroups(bool systemGroup) {
   init_snmp_mib();
+  init_snmpEngine();
   init_snmpTargetAddrEntry();
   init_snmpTargetParamsEntry();
   init_target_counters();

@@ -40,6 +40,15 @@ struct AgentConfig {
   std::string v3PrivPass;
   // SNMPv3 engine ID as text; empty = Net-SNMP's default.
   std::string engineId;
+  // The file that keeps the engine ID and snmpEngineBoots over restarts
+  // (snmp/enginestate.h); empty = none: with a v3 user, every start then
+  // takes a new random engine ID.
+  std::string engineStateFile;
+  // Source addresses or prefixes ("10.0.0.0/8") each community and the v3
+  // user are accepted from; empty = any.
+  std::vector<std::string> roSources;
+  std::vector<std::string> rwSources;
+  std::vector<std::string> v3Sources;
   // Whether SNMPv2-MIB's system group (sysDescr, sysObjectID, sysUpTime, ...)
   // and sysORTable are served, and its texts (empty = Net-SNMP's defaults).
   bool systemGroup = true;

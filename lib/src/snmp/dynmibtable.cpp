@@ -72,6 +72,16 @@ int checkCellValue(const FieldType& field, const netsnmp_variable_list& vb, MibC
   return SNMP_ERR_NOERROR;
 }
 
+// The first row `pending` creates beyond `limit` rows, counting from the
+// `held` rows less those it destroys; null when there is none.
+const PendingRow* creationBeyondLimit(const PendingSet& pending, size_t held, size_t limit) {
+  for (const PendingRow& row : pending.rows)
+    if (row.existed && row.status == kDestroy && held > 0) --held;
+  for (const PendingRow& row : pending.rows)
+    if (!row.existed && (row.status == kCreateAndGo || row.status == kCreateAndWait) && ++held > limit) return &row;
+  return nullptr;
+}
+
 }  // namespace
 
 // ---- The Net-SNMP handler
@@ -251,6 +261,9 @@ void DynMibTable::check_row_transitions(netsnmp_agent_request_info_s* reqinfo, v
       netsnmp_set_request_error(reqinfo, blame, status);
     }
   }
+  const size_t limit = getMaxRows();
+  const PendingRow* beyond = limit != 0 ? creationBeyondLimit(pending, rows.size(), limit) : nullptr;
+  if (beyond != nullptr) netsnmp_set_request_error(reqinfo, beyond->statusRequest, SNMP_ERR_RESOURCEUNAVAILABLE);
 }
 
 void DynMibTable::validate_set_request(netsnmp_agent_request_info_s* reqinfo, void* pendingRef) {

@@ -119,6 +119,10 @@ bool SNMPAgent::initializeAgent() {
   config.v3AuthPass = options.v3AuthPassphrase;
   config.v3PrivPass = options.v3PrivPassphrase;
   config.engineId = options.engineId;
+  config.engineStateFile = options.engineStateFile;
+  config.roSources = options.roCommunitySources;
+  config.rwSources = options.rwCommunitySources;
+  config.v3Sources = options.v3UserSources;
   config.systemGroup = options.systemGroup;
   config.sysDescr = options.sysDescr;
   config.sysName = options.sysName;
