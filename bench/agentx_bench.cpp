@@ -173,6 +173,24 @@ double median(std::vector<double> values) {
   return values.size() % 2 == 1 ? values[half] : (values[half - 1] + values[half]) / 2;
 }
 
+// What a benchmark gathers: rates of ours and theirs through the master in
+// rounds side by side and their ratios, each subagent's CPU seconds per
+// request or varbind, and rates of ours on its own port.
+struct Rounds {
+  std::vector<double> ours, theirs, ratios, oursCpu, theirsCpu, direct;
+
+  // Counters of medians, per `one` ("get", "varbind").
+  void report(benchmark::State& state, const std::string& one) const {
+    state.counters["ours_" + one + "s_per_s"] = median(ours);
+    state.counters["theirs_" + one + "s_per_s"] = median(theirs);
+    state.counters["ours_over_theirs"] = median(ratios);
+    state.counters["ours_cpu_us_per_" + one] = 1e6 * median(oursCpu);
+    state.counters["theirs_cpu_us_per_" + one] = 1e6 * median(theirsCpu);
+    state.counters["direct_" + one + "s_per_s"] = median(direct);
+    state.counters["master_over_direct"] = median(ours) / median(direct);
+  }
+};
+
 // A first round after each start, not counted: a fresh engine or cache runs
 // slower for a thousand requests or so.
 void warmUp(int port, const char* oid) { zelta_bench::getsPerSecond(port, oid, kGetsPerRound); }
@@ -183,7 +201,7 @@ void warmUp(int port, const char* oid) { zelta_bench::getsPerSecond(port, oid, k
 void BM_Get(benchmark::State& state) {
   Rig& rig = Rig::get();
   if (!rig.failure().empty()) return state.SkipWithError(rig.failure().c_str());
-  std::vector<double> ours, theirs, ratios, direct, oursCpu, theirsCpu;
+  Rounds rounds;
   // GETs per second of `oid` and the CPU seconds per GET of `cpu` meanwhile.
   auto gets = [](int port, const char* oid, const std::function<double()>& cpu, std::vector<double>& rates,
                  std::vector<double>& cpuPerGet) {
@@ -197,24 +215,18 @@ void BM_Get(benchmark::State& state) {
     if (masterPort == 0) return state.SkipWithError("our subagent did not reach snmpd");
     warmUp(masterPort, kScalarOid), warmUp(masterPort, kTheirObject);
     for (int round = 0; round < kRounds; ++round) {
-      if (!gets(masterPort, kScalarOid, [&] { return rig.ourCpuSeconds(); }, ours, oursCpu) ||
-          !gets(masterPort, kTheirObject, [&] { return rig.theirCpuSeconds(); }, theirs, theirsCpu))
+      if (!gets(masterPort, kScalarOid, [&] { return rig.ourCpuSeconds(); }, rounds.ours, rounds.oursCpu) ||
+          !gets(masterPort, kTheirObject, [&] { return rig.theirCpuSeconds(); }, rounds.theirs, rounds.theirsCpu))
         return state.SkipWithError("a GET through snmpd went unanswered");
-      ratios.push_back(ours.back() / theirs.back());
+      rounds.ratios.push_back(rounds.ours.back() / rounds.theirs.back());
     }
     const int directPort = rig.serve(Route::Direct);
     if (directPort == 0) return state.SkipWithError("the agent did not start");
     warmUp(directPort, kScalarOid);
     for (int round = 0; round < kRounds; ++round)
-      direct.push_back(zelta_bench::getsPerSecond(directPort, kScalarOid, kGetsPerRound));
+      rounds.direct.push_back(zelta_bench::getsPerSecond(directPort, kScalarOid, kGetsPerRound));
   }
-  state.counters["ours_gets_per_s"] = median(ours);
-  state.counters["theirs_gets_per_s"] = median(theirs);
-  state.counters["ours_over_theirs"] = median(ratios);
-  state.counters["ours_cpu_us_per_get"] = 1e6 * median(oursCpu);
-  state.counters["theirs_cpu_us_per_get"] = 1e6 * median(theirsCpu);
-  state.counters["direct_gets_per_s"] = median(direct);
-  state.counters["master_over_direct"] = median(ours) / median(direct);
+  rounds.report(state, "get");
 }
 BENCHMARK(BM_Get)->Iterations(3)->Unit(benchmark::kMillisecond)->UseRealTime();
 
@@ -235,9 +247,9 @@ WalkRate timedWalk(int port, const char* oid, long varbinds, const std::function
 void BM_BulkWalk(benchmark::State& state) {
   Rig& rig = Rig::get();
   if (!rig.failure().empty()) return state.SkipWithError(rig.failure().c_str());
-  // Ours through the master, theirs through the master, ours on its own
-  // port, snmpd's own table; and the ratios of the pairs walked side by side.
-  std::vector<double> ours, theirs, direct, snmpd, oursCpu, theirsCpu, oursOverTheirs, directOverSnmpd;
+  // And snmpd's own table, walked in turns with ours on its own port.
+  Rounds rounds;
+  std::vector<double> snmpd, directOverSnmpd;
   const long ourCount = rig.ourVarbinds(), theirCount = rig.theirVarbinds();
   for (auto _ : state) {
     const int masterPort = rig.serve(Route::ThroughMaster);
@@ -247,9 +259,9 @@ void BM_BulkWalk(benchmark::State& state) {
       const WalkRate a = timedWalk(masterPort, kTableOid, ourCount, [&] { return rig.ourCpuSeconds(); });
       const WalkRate b = timedWalk(masterPort, kTheirTable, theirCount, [&] { return rig.theirCpuSeconds(); });
       if (a.perSecond == 0 || b.perSecond == 0) return state.SkipWithError("a walk through snmpd failed");
-      ours.push_back(a.perSecond), oursCpu.push_back(a.cpuPerVarbind);
-      theirs.push_back(b.perSecond), theirsCpu.push_back(b.cpuPerVarbind);
-      oursOverTheirs.push_back(a.perSecond / b.perSecond);
+      rounds.ours.push_back(a.perSecond), rounds.oursCpu.push_back(a.cpuPerVarbind);
+      rounds.theirs.push_back(b.perSecond), rounds.theirsCpu.push_back(b.cpuPerVarbind);
+      rounds.ratios.push_back(a.perSecond / b.perSecond);
     }
     const int directPort = rig.serve(Route::Direct);
     if (directPort == 0) return state.SkipWithError("the agent did not start");
@@ -258,19 +270,13 @@ void BM_BulkWalk(benchmark::State& state) {
       const WalkRate a = timedWalk(directPort, kTableOid, ourCount);
       const WalkRate b = timedWalk(rig.snmpdPort(), kTheirTable, theirCount);
       if (a.perSecond == 0 || b.perSecond == 0) return state.SkipWithError("a walk of an agent's own port failed");
-      direct.push_back(a.perSecond), snmpd.push_back(b.perSecond);
+      rounds.direct.push_back(a.perSecond), snmpd.push_back(b.perSecond);
       directOverSnmpd.push_back(a.perSecond / b.perSecond);
     }
   }
+  rounds.report(state, "varbind");
   state.counters["ours_varbinds"] = static_cast<double>(ourCount);
   state.counters["theirs_varbinds"] = static_cast<double>(theirCount);
-  state.counters["ours_varbinds_per_s"] = median(ours);
-  state.counters["theirs_varbinds_per_s"] = median(theirs);
-  state.counters["ours_over_theirs"] = median(oursOverTheirs);
-  state.counters["ours_cpu_us_per_varbind"] = 1e6 * median(oursCpu);
-  state.counters["theirs_cpu_us_per_varbind"] = 1e6 * median(theirsCpu);
-  state.counters["direct_varbinds_per_s"] = median(direct);
-  state.counters["master_over_direct"] = median(ours) / median(direct);
   state.counters["snmpd_own_varbinds_per_s"] = median(snmpd);
   state.counters["direct_over_snmpd_own"] = median(directOverSnmpd);
 }
