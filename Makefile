@@ -52,7 +52,7 @@ ASAN_ENV = ASAN_OPTIONS=fast_unwind_on_malloc=0:detect_stack_use_after_return=1:
 TSAN_ENV = TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1
 # The test programs in which threads meet: the agent thread, save workers,
 # the debounce worker, host threads.
-TSAN_TESTS = stress_test|param_test|snmp_test|snmpagent_test|agentx_test|delayed_test|snmpclient_test|notify_test
+TSAN_TESTS = stress_test|param_test|snmp_test|snmpagent_test|agentx_test|delayed_test|snmpclient_test|notify_test|config_test
 
 # The whole suite under AddressSanitizer and UBSan.
 test-asan: deps

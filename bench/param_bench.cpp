@@ -16,7 +16,7 @@
 // unpublished.
 //
 // Where a load spends its time, in one short run:
-//   valgrind --tool=callgrind --toggle-collect='Quorvel::Kvan::ParamManager::loadFromFile*'
+//   valgrind --tool=callgrind --toggle-collect='Quorvel::Kvan::ParamManager::loadGroups*'
 //     param_bench --benchmark_filter='^load/table/10000/snmp/' --benchmark_min_time=0.001
 // (one command line; under the tool a single iteration runs).
 #include <benchmark/benchmark.h>

@@ -4,6 +4,9 @@
 #ifndef ZELTA_BENCH_SERVED_OBJECTS_H_
 #define ZELTA_BENCH_SERVED_OBJECTS_H_
 
+#include <pthread.h>
+#include <time.h>
+
 #include <atomic>
 #include <chrono>
 #include <future>
@@ -62,6 +65,15 @@ class ServedObjects {
       engine.shutdown();
     });
     return ready.get();
+  }
+  // Seconds the engine's thread has run on a CPU; 0 when it is not running.
+  double engineCpuSeconds() {
+    clockid_t clock;
+    timespec ran{};
+    if (!server.joinable() || pthread_getcpuclockid(server.native_handle(), &clock) != 0 ||
+        clock_gettime(clock, &ran) != 0)
+      return 0;
+    return static_cast<double>(ran.tv_sec) + static_cast<double>(ran.tv_nsec) / 1e9;
   }
   void stopServing() {
     if (!server.joinable()) return;

@@ -6,9 +6,14 @@
 // given with --notify (SNMPv2c traps) and --inform (SNMPv2c informs). With
 // --write-mib it writes its MIB module instead. With --agentx it serves
 // through the device's snmpd as an AgentX subagent, on no port of its own.
+// With --export, --import or --factory-reset it works on the settings in
+// the data directory and exits. Its files keep the lines of other versions
+// of the demo, and a value it would refuse over SNMP is refused from them
+// too.
 //
 //   zelta_demo [--port N] [--address A] [--agentx MASTER] [--data-dir D] [--log-level debug|verbose]
 //              [--notify HOST:PORT]... [--inform HOST:PORT]... [--write-mib FILE]
+//              [--export FILE | --import FILE | --factory-reset]
 #include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -38,6 +43,7 @@ void usage(const char* program) {
   printf(
       "usage: %s [--port N] [--address A] [--agentx MASTER] [--data-dir D] [--log-level LEVEL]\n"
       "          [--notify HOST:PORT]... [--inform HOST:PORT]... [--write-mib FILE]\n"
+      "          [--export FILE | --import FILE | --factory-reset]\n"
       "  --port N         UDP port to serve SNMP on (default 16161)\n"
       "  --address A      IPv4 address to listen on (default 127.0.0.1)\n"
       "  --agentx MASTER  serve through an AgentX master (snmpd's socket path, or tcp:HOST:PORT), no port\n"
@@ -45,7 +51,10 @@ void usage(const char* program) {
       "  --log-level L    info (default), debug or verbose\n"
       "  --notify H:P     send coldStart and change notifications to H:P as SNMPv2c traps (community public)\n"
       "  --inform H:P     the same as SNMPv2c informs, retried until acknowledged\n"
-      "  --write-mib F    write the demo's MIB module (ZELTA-DEMO-MIB) to F and exit\n",
+      "  --write-mib F    write the demo's MIB module (ZELTA-DEMO-MIB) to F and exit\n"
+      "  --export F       write the settings of the files in the data directory to F and exit\n"
+      "  --import F       replace those settings by F's, all or nothing, and exit (1 when refused)\n"
+      "  --factory-reset  restore the factory settings in the data directory and exit\n",
       program);
 }
 
@@ -59,6 +68,8 @@ int main(int argc, char** argv) {
   std::string mibFile;
   std::vector<NotifyTarget> receivers;
   std::string agentxMaster;
+  std::string exportFile, importFile;
+  bool factoryReset = false;
   for (int i = 1; i < argc; ++i) {
     std::string arg = argv[i];
     bool hasValue = i + 1 < argc;
@@ -89,6 +100,12 @@ int main(int argc, char** argv) {
       receivers.push_back(receiver);
     } else if (arg == "--write-mib" && hasValue) {
       mibFile = argv[++i];
+    } else if (arg == "--export" && hasValue) {
+      exportFile = argv[++i];
+    } else if (arg == "--import" && hasValue) {
+      importFile = argv[++i];
+    } else if (arg == "--factory-reset") {
+      factoryReset = true;
     } else {
       usage(argv[0]);
       return 2;
@@ -115,10 +132,33 @@ int main(int argc, char** argv) {
 
   zelta_demo::DemoParams demo(dataDir);
   ParamManager& manager = demo.manager;
+  for (ParamGroup* group : {&demo.system, &demo.network}) group->setKeepForeignLines(true);
+  manager.setCheckedLoading(true);
   manager.loadAllGroups();
   // A manager can create 64 routes at most: nobody can fill the device's
   // memory with them.
   demo.routesInfo.entryAs<DynMibTable>()->setMaxRows(64);
+  if (!exportFile.empty() || !importFile.empty() || factoryReset) {
+    std::string error, done;
+    bool ok = true;
+    if (!exportFile.empty()) {
+      ok = manager.exportConfigFile(exportFile, error);
+      done = "wrote the settings in " + dataDir + " to " + exportFile;
+    } else if (!importFile.empty()) {
+      ok = manager.importConfigFile(importFile, error);
+      error = "import refused, nothing changed: " + error;
+      done = "imported " + importFile + " into " + dataDir;
+    } else {
+      manager.factoryReset();
+      done = "factory settings restored in " + dataDir;
+    }
+    if (!ok) {
+      fprintf(stderr, "zelta_demo: %s\n", error.c_str());
+      return 1;
+    }
+    printf("zelta_demo: %s\n", done.c_str());
+    return 0;
+  }
 
   signal(SIGINT, onSignal);
   signal(SIGTERM, onSignal);

@@ -58,10 +58,12 @@ struct DemoParams {
     volume.addPostSet([](const Variant& v, const ExtraInfo*) {
       Log["libzelta"].append(INFO, "demo: volume is now %ld\n", v.getLong());
     });
-    routes.addPostSet([](const Variant&, const ExtraInfo* info) {
-      if (info != nullptr) {
+    routes.addPostSet([](const Variant& v, const ExtraInfo* info) {
+      if (info != nullptr && !info->rowIdx.empty()) {
         Log["libzelta"].append(INFO, "demo: routes row %s, action %d\n", Common::flatten(info->rowIdx).c_str(),
                                info->action);
+      } else if (info != nullptr) {  // an import or a factory reset: the whole table
+        Log["libzelta"].append(INFO, "demo: %zu routes, action %d\n", v.getTable().getRows().size(), info->action);
       }
     });
     manager.add("hostname", &hostname);

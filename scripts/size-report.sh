@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # The footprint of the device's library in a build tree: the stripped size of
-# libzelta.so, what its sections hold, the largest object files and the
-# largest functions. Exits 1 when the stripped library is above the budget.
+# libzelta.so, what its sections hold, the source files and the functions
+# whose code takes the most. Exits 1 when the stripped library is above the budget.
 #   scripts/size-report.sh BUILD_DIR [BUDGET_BYTES]
 # The binutils are the build's own (CMAKE_STRIP, CMAKE_NM from its cache), so
 # a cross build is measured with the target's tools. Budget: ZELTA_SIZE_BUDGET,
@@ -33,11 +33,15 @@ printf 'size:   %-44s %8d\n' "code (.text, .plt)" "$(group '^[.](text|plt|init|f
   "exception tables (.ARM.extab/exidx, .eh_frame)" "$(group '^[.](ARM[.]ex|eh_frame|gcc_except)')" \
   "dynamic symbols (.dynsym, .dynstr, hash)" "$(group '^[.](dynsym|dynstr|gnu[.]hash|hash|gnu[.]version)')" \
   "relocations, GOT and data" "$(group '^[.](rel|got|data|dynamic|init_array|fini_array)')"
-echo "size: largest object files (text + data):"
-# The objects the library was linked from, as its link line names them.
-tr ' ' '\n' <"$build/lib/CMakeFiles/zelta.dir/link.txt" | grep '[.]o$' | (cd "$build/lib" && xargs "$sizetool") |
-  awk 'NR > 1 { sub(".*/zelta.dir/src/", "", $6); sub("[.]o$", "", $6); print $1 + $2, $6 }' |
-  sort -rn | head -10 | awk '{ printf "size:   %-44s %8d\n", $2, $1 }'
+echo "size: largest source files (code of the functions each defines, after inlining):"
+# From the unstripped library's line information: with link-time optimisation
+# the object files hold no code of their own to measure.
+"$nm" -S -l --defined-only "$library" |
+  awk -F'\t' 'NF == 2 { split($1, f, " "); if (f[3] !~ /^[tTwW]$/) next;
+                          file = $2; sub(/:[0-9]+$/, "", file); sub(/.*\/lib\/src\//, "", file); sub(/.*\/include\//, "", file); print f[2], file }' |
+  while read -r hex file; do echo "$((16#$hex)) $file"; done |
+  awk '{ bytes[$2] += $1 } END { for (f in bytes) print bytes[f], f }' | sort -rn | head -10 |
+  awk '{ printf "size:   %-44.44s %8d\n", $2, $1 }'
 echo "size: largest functions:"
 "$nm" -C --size-sort -S "$library" | awk '$3 ~ /^[tTwW]$/ && !/localalias/' | tail -12 | tac |
   while read -r _ hex _ name; do printf 'size:   %-64.64s %6d\n' "$name" "$((16#$hex))"; done

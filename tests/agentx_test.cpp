@@ -51,6 +51,48 @@ TEST(SubagentTest, ServesBesideTheMastersObjectsAndARefusedSetChangesNeither) {
   EXPECT_EQ(host.volume.getValueCopy().getLong(), 9);
 }
 
+// A bulk walk of a few thousand rows asks the subagent once per repetition:
+// through the master it holds every varbind once, in order, as on the
+// agent's own port.
+TEST(SubagentTest, WalksALargeTableAsItsOwnPortDoes) {
+  TempDir dir;
+  HostDevice host(dir.path());
+  const int rows = 3000;
+  std::string lines;
+  for (int i = 1; i <= rows; ++i)
+    lines += "routes." + std::to_string(i) + " = 3:64:10.0." + std::to_string(i / 256) + "." +
+             std::to_string(i % 256) + " 4:2:" + std::to_string(i % 16) + " \n";
+  dir.write("network.txt", lines);
+  host.manager.loadAllGroups();
+  const Strings walk{"snmpbulkwalk", "-v2c", "-c", "public", "-On", "-t", "5", "-r", "0", "-Cr25"};
+  // The varbinds a walk printed, from the first on.
+  auto walkFrom = [&](const std::string& target) {
+    Strings args = walk;
+    args.push_back(target);
+    args.push_back(kBase + ".5");
+    ToolResult result = runTool(args);
+    result.out.erase(0, std::min(result.out.find(kBase), result.out.size()));
+    return result;
+  };
+
+  int port = 0;
+  auto agent = startServingAgent(&host.manager, port);
+  ASSERT_NE(agent, nullptr);
+  const ToolResult direct = walkFrom("127.0.0.1:" + std::to_string(port));
+  agent->stop();
+  agent->waitForFinish();
+  ASSERT_EQ(direct.exitCode, 0) << direct.out;  // the tool fails on an OID out of order
+  ASSERT_EQ(occurrences(direct.out, kBase + ".5.1."), rows * 3u);  // RowStatus and two value columns
+
+  SnmpdMaster master;
+  ASSERT_TRUE(master.start());
+  agent = startSubagent(&host.manager, master);
+  ASSERT_NE(agent, nullptr);
+  const ToolResult through = walkFrom(master.target());
+  EXPECT_EQ(through.exitCode, 0);
+  EXPECT_TRUE(through.out == direct.out) << through.out.substr(0, 2000);
+}
+
 // Started before its master; the master killed and started again, the host
 // changing a value meanwhile; the agent restarted while the master is away.
 TEST(SubagentTest, WaitsForItsMasterAndComesBackAfterEachRestart) {

@@ -53,7 +53,7 @@ class ZELTA_EXPORT MibEntry {
   std::string getOid() const;
   mib_access get_access() const { return static_cast<mib_access>(access.load()); }
   // True while registered with a running agent.
-  bool isRegistered() const { return registration != nullptr; }
+  bool isRegistered() const { return registered; }
   // Sub-identifiers of the OID; empty when the text is not a valid OID.
   std::vector<unsigned long> oidParts() const { return std::vector<unsigned long>(oidData(), oidData() + oidCount); }
   // The same in place, without a copy: oidLength() sub-identifiers.
@@ -77,9 +77,7 @@ class ZELTA_EXPORT MibEntry {
   virtual bool registerEntry() = 0;
   // Undoes registerEntry; harmless when not registered. REQUIRES: agent lock.
   virtual void unregisterEntry() = 0;
-
-  // Set while registered; owned by Net-SNMP.
-  netsnmp_handler_registration_s* registration = nullptr;
+  void setRegistered(bool on) { registered = on; }
 
  private:
   friend class AgentEngine;
@@ -87,12 +85,13 @@ class ZELTA_EXPORT MibEntry {
 
   // Sub-identifiers are 32 bits on the wire; most OIDs fit in place, so a
   // published scalar needs no second heap block for its OID.
-  static constexpr uint8_t kInlineSubIds = 14;
+  static constexpr uint8_t kInlineSubIds = 12;
 
   const std::string* oidText;  // the SNMPInfo's
   uint8_t oidCount = 0;
   std::atomic<uint8_t> access;
   std::atomic<bool> changeNotification{false};
+  bool registered = false;
   union {
     uint32_t inlineIds[kInlineSubIds];
     uint32_t* heapIds;  // owned, when there are more
@@ -375,6 +374,7 @@ class ZELTA_EXPORT DynMibTable : public MibEntry, public IAccessModeChangeable {
   std::vector<unsigned int> withoutDefault;  // value columns a new row cannot be ready without
   RowIdx scratch;                            // the index of a request, without an allocation each
   std::atomic<size_t> maxRowCount{0};
+  netsnmp_handler_registration_s* registration = nullptr;  // while registered; owned by Net-SNMP
 };
 
 }  // namespace Quorvel::Kvan::SNMP

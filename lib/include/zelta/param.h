@@ -15,14 +15,16 @@
 // save a group, without deadlock; SNMP waits while they run. getValue()
 // returns a reference, unlocked: for start-up code (before the agent starts)
 // and for hooks, validators and fillers; other threads use getValueCopy().
-// Construction, setValidator(), setFiller() and addPostSet() belong to
-// start-up; a hook must not add hooks.
+// Construction, setValidator(), setFiller(), addPostSet() and
+// addFormerName() belong to start-up; a hook must not add hooks.
 #ifndef ZELTA_PARAM_H_
 #define ZELTA_PARAM_H_
 
 #include <atomic>
 #include <cstdio>
 #include <functional>
+#include <map>
+#include <memory>
 #include <string>
 #include <utility>
 #include <vector>
@@ -35,7 +37,7 @@ namespace Quorvel::Kvan {
 
 class ParamGroup;
 namespace groupfile {
-class GroupFileReader;
+struct Access;
 }
 
 // Whether changes of a parameter are written to its group's file.
@@ -57,6 +59,12 @@ class ZELTA_EXPORT Param : public IChangeListener {
   // With the default value of `type`.
   Param(ParamGroup& group, ValueType type, SNMP::SNMPInfo* snmpInfo, ParamSavePolicy policy = SAVE_ON_CHANGE,
         Range range = Range(NO_RANGE, NO_RANGE));
+  // A key this parameter had in an earlier version of the host program; for
+  // a table also that version's column numbers, mapped to today's.
+  struct FormerName {
+    std::string key;
+    std::map<unsigned int, unsigned int> columns;  // former column -> today's; 0 drops the cell
+  };
   virtual ~Param();
   Param(const Param&) = delete;
   Param& operator=(const Param&) = delete;
@@ -73,6 +81,20 @@ class ZELTA_EXPORT Param : public IChangeListener {
   Variant getValueCopy() const;
   SNMP::SNMPInfo* getSnmpInfo() const { return snmpInfo; }
   bool isSnmpEntry() const { return snmpInfo != nullptr; }
+  // The value the parameter was constructed with: what a factory reset
+  // restores (ParamManager::factoryReset).
+  const Variant& getFactoryValue() const { return factoryValue; }
+
+  // Names the parameter had before. A load takes the lines of a former key
+  // when the current key has none; the next save writes the current key
+  // only. A table's cells under the former key are numbered by `columns`
+  // (a column missing from the map keeps its number). Give a table whose
+  // columns are renumbered a new key: a version that knows only the old
+  // layout then keeps the new lines as foreign lines (see
+  // ParamGroup::setKeepForeignLines) instead of misreading them.
+  // REQUIRES: start-up, before the first load.
+  void addFormerName(const std::string& key, const std::map<unsigned int, unsigned int>& columns = {});
+  const std::vector<FormerName>& getFormerNames() const;
 
   // Silent writes: no validation, no notice, no save, no hook. The kind must
   // match the held one (asserted by the Variant). Safe from any thread.
@@ -122,13 +144,16 @@ class ZELTA_EXPORT Param : public IChangeListener {
   void saveTable(FILE* file);
   // The triplets of one row, each followed by a blank.
   std::string flattenTableRow(TableDef* def, TableRow& row);
-  // The lines save() would write, without the file.
+  // The lines save() would write, without the file: the value's lines, or
+  // the lines a checked load refused while the value has not changed since.
   std::string toFileText();
   // The same, appended to `out`.
   void appendFileText(std::string& out);
+  // The value's own lines, appended to `out` (nothing for NEVER_SAVE).
+  void appendValueText(std::string& out);
 
  private:
-  friend class groupfile::GroupFileReader;
+  friend struct groupfile::Access;
 
   ZELTA_LOCAL void fillValue(const Variant& initial);
   ZELTA_LOCAL void fillWithDefaultValue();
@@ -137,6 +162,19 @@ class ZELTA_EXPORT Param : public IChangeListener {
   // A single value read from the group file: stored silently. False when it
   // is of another kind than the value held. REQUIRES: library lock held.
   ZELTA_LOCAL bool loadScalar(Variant&& loaded);
+  // A table row the file reader has written into the Table: active at once
+  // (an agent serves it from there), with no notice.
+  ZELTA_LOCAL void publishRow(const RowIdx& index);
+  // The value changed: lines a checked load refused are written no more.
+  // REQUIRES: library lock held.
+  ZELTA_LOCAL void forgetHeldLines_nolock();
+
+  // What only hosts that keep settings across versions use, made on first
+  // use so that other parameters stay small.
+  struct Lineage {
+    std::vector<FormerName> formerNames;
+    std::string heldLines;  // lines a checked load refused, each ending in "\n"
+  };
 
   std::string name;
   std::function<bool(const Variant&, const ExtraInfo*)> validator;
@@ -148,6 +186,8 @@ class ZELTA_EXPORT Param : public IChangeListener {
   ValueType type;
   ParamSavePolicy savePolicy;
   Range range;
+  Variant factoryValue;
+  std::unique_ptr<Lineage> lineage;
 };
 
 // A named set of parameters stored together in one text file, saved about two
@@ -160,8 +200,9 @@ class ZELTA_EXPORT Param : public IChangeListener {
 // file without it; saves of one file never overlap, and a text taken earlier
 // never overwrites one taken later. A change announced while the worker
 // writes the file starts no countdown of its own: it reaches the file with
-// the next save. setParams(), operator=, addOwnedParam() and setAtomicSave()
-// belong to start-up, before the first change.
+// the next save. setParams(), operator=, addOwnedParam(), setAtomicSave(),
+// setKeepForeignLines() and setCheckedLoading() belong to start-up, before
+// the first change.
 class ZELTA_EXPORT ParamGroup {
  public:
   // Placeholder "__NO_NAME__" with no file; it exists to be assigned over.
@@ -202,6 +243,23 @@ class ZELTA_EXPORT ParamGroup {
   // power cut leaves either the old or the new complete file. Off by default.
   void setAtomicSave(bool enabled) { atomicSave = enabled; }
   bool isAtomicSave() const { return atomicSave; }
+
+  // When true, a load of the group's file keeps, byte for byte, the lines no
+  // registered parameter reads (keys of another version of the host program,
+  // comments, blank lines, anything that is no entry), and every save writes
+  // them after the group's own lines, so that an upgrade, a downgrade and an
+  // upgrade again lose nothing. Lines of other groups' parameters are read
+  // into those and not kept. Off by default: such lines are gone after the
+  // next save.
+  void setKeepForeignLines(bool keep) { keepForeign = keep; }
+  bool keepsForeignLines() const { return keepForeign; }
+  // The lines kept, each ending in "\n".
+  std::string getForeignLines() const;
+  // When true, every value loaded into a parameter of this group is checked
+  // as an SNMP SET of it would be (ParamManager::setCheckedLoading does it
+  // for every group).
+  void setCheckedLoading(bool checked) { checkedLoading = checked; }
+  bool isCheckedLoading() const { return checkedLoading; }
   // True while an auto-save countdown or its save runs.
   bool isWorkerRunning() const { return workerRunning.load(); }
 
@@ -224,6 +282,11 @@ class ZELTA_EXPORT ParamGroup {
   std::atomic<bool> active{true};
   std::atomic<bool> abandoned{false};  // set when the group goes away during a countdown
   bool atomicSave = false;
+  bool keepForeign = false;
+  bool checkedLoading = false;
+  std::string foreignLines;  // under the library lock
+
+  friend struct groupfile::Access;
 };
 
 }  // namespace Quorvel::Kvan

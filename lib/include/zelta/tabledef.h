@@ -54,14 +54,26 @@ using RowIdx = std::vector<unsigned long>;
 
 // Context of a change: the row concerned (empty for scalars), the action
 // (1 row created, 2 row deleted, 3 row activated, 4 row deactivated, 5 cell
-// set) and the column (-1 for the whole row). The SNMP side allocates it; the
-// listener that receives it through onChange deletes it.
+// set, or one of ConfigAction below) and the column (-1 for the whole row or
+// a scalar). The SNMP side allocates it; the listener that receives it
+// through onChange deletes it.
 struct ZELTA_EXPORT ExtraInfo {
   ExtraInfo(RowIdx rowIdx, int action, int column);
 
   RowIdx rowIdx;
   int action;
   int column;
+};
+
+// Action codes of the changes the library makes for the host rather than for
+// an SNMP manager; far from SNMP's 1 to 5, so code that looks for those never
+// takes one of these for a row action. Validators and post-set hooks receive
+// them with an empty row index (a table's hooks once for the whole table)
+// and column -1, or the row and column of the cell a validator is asked about.
+enum ConfigAction : int {
+  ACTION_LOADED = 101,         // a value a checked load read from a group file (validators)
+  ACTION_IMPORTED = 102,       // a value of an imported configuration (validators, post-set hooks)
+  ACTION_FACTORY_RESET = 103,  // the value the parameter was constructed with, restored (post-set hooks)
 };
 
 class Variant;

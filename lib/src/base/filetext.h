@@ -36,6 +36,9 @@ void appendNumber(std::string& out, T number) {
 void appendSerialized(std::string& out, std::string_view bytes);
 // deserialize of a view.
 std::string deserialize(std::string_view quoted);
+// What deserialize decodes, with `error` null when the text is a quoted
+// escaped string and otherwise the error text deserialize returns for it.
+std::string decodeQuoted(std::string_view quoted, const char*& error);
 
 }  // namespace Quorvel::Kvan::Common
 

@@ -4,7 +4,6 @@
 #include <cstring>
 
 #include "base/filetext.h"
-#include "base/trace.h"
 #include "zelta/common.h"
 #include "zelta/logging.h"
 
@@ -63,9 +62,21 @@ std::string deserialize(std::string_view quoted) {
   LogChannel& channel = Log["libzelta"];
   // The text is copied for the line only when the line is written.
   if (channel.level >= VERBOSE) channel.append(VERBOSE, "Common: input: [%s]\n", std::string(quoted).c_str());
+  const char* error = nullptr;
+  std::string out = decodeQuoted(quoted, error);
+  if (error != nullptr) return error;
+  return out;
+}
+
+std::string decodeQuoted(std::string_view quoted, const char*& error) {
+  const auto fail = [&](const char* text) {
+    error = text;
+    return std::string();
+  };
+  error = nullptr;
   const size_t n = quoted.size();
-  if (n == 0) return "[error - len]";
-  if (quoted[0] != '"') return "[error - start]";
+  if (n == 0) return fail("[error - len]");
+  if (quoted[0] != '"') return fail("[error - start]");
 
   // Plain characters up to the first escape or the closing quote are taken
   // in one piece.
@@ -74,16 +85,16 @@ std::string deserialize(std::string_view quoted) {
   std::string out(quoted.substr(1, i - 1));
   while (true) {
     // The end of the text counts as a non-printable character: an error.
-    if (i >= n) return "[error]";
+    if (i >= n) return fail("[error]");
     unsigned char c = static_cast<unsigned char>(quoted[i]);
     if (c == '"') break;
-    if (!isAsciiPrint(c)) return "[error]";
+    if (!isAsciiPrint(c)) return fail("[error]");
     if (c != '\\') {
       out += static_cast<char>(c);
       ++i;
       continue;
     }
-    if (i + 1 >= n) return "[error]";
+    if (i + 1 >= n) return fail("[error]");
     unsigned char next = static_cast<unsigned char>(quoted[i + 1]);
     if (next == '\\' || next == '"') {
       out += static_cast<char>(next);
@@ -94,12 +105,8 @@ std::string deserialize(std::string_view quoted) {
                                hexValue(static_cast<unsigned char>(quoted[i + 3])));
       i += 4;
     } else {
-      return "[error]";
+      return fail("[error]");
     }
-  }
-  if (quoted[i] != '"') {
-    ZELTA_TRACE();
-    return "[error]";
   }
   return out;
 }

@@ -4,9 +4,13 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <cstdarg>
 #include <cstdint>
+#include <cstdio>
 #include <cstring>
+#include <functional>
 
 #include "base/filetext.h"
 #include "base/liblock.h"
@@ -204,22 +208,29 @@ Scan scanJudgedTriplet(const unsigned char* t, size_t n, regmatch_t (&match)[4])
   return Scan::kMatch;
 }
 
-// ---- Reading
+// ---- Lines and triplets
 
-GroupFileReader::GroupFileReader(const regex_t& line, const regex_t& triplet,
-                                 const std::unordered_map<std::string, Param*>& registry)
-    : linePattern(line), tripletPattern(triplet), params(registry), log(Log["libzelta"]) {}
+LineScanner::LineScanner(const regex_t& line, const regex_t& triplet) : linePattern(line), tripletPattern(triplet) {}
 
-bool GroupFileReader::matchLine(const char* text, size_t length, regmatch_t (&m)[4]) {
+bool LineScanner::matchLine(const char* text, size_t length, std::string_view& key, std::string_view& value) {
+  regmatch_t m[4];
   bool askRegex = false;
   const size_t n = judge(text, length, askRegex);
   lineJudged = !askRegex;
-  if (lineJudged) return scanJudgedLine(reinterpret_cast<const unsigned char*>(text), n, m) == Scan::kMatch;
-  copy.assign(text, length);
-  return regexec(&linePattern, copy.c_str(), 4, m, 0) == 0;
+  bool matched = false;
+  if (lineJudged) {
+    matched = scanJudgedLine(reinterpret_cast<const unsigned char*>(text), n, m) == Scan::kMatch;
+  } else {
+    copy.assign(text, length);
+    matched = regexec(&linePattern, copy.c_str(), 4, m, 0) == 0;
+  }
+  if (!matched) return false;
+  key = slotText(text, m[1]);
+  value = slotText(text, m[2]);
+  return true;
 }
 
-bool GroupFileReader::matchTriplet(std::string_view text, regmatch_t (&m)[4]) {
+bool LineScanner::matchTriplet(std::string_view text, regmatch_t (&m)[4]) {
   // A part of a judged line needs no judging of its own.
   const Scan scan = lineJudged ? scanJudgedTriplet(reinterpret_cast<const unsigned char*>(text.data()), text.size(), m)
                                : scanTriplet(text.data(), text.size(), m);
@@ -228,13 +239,201 @@ bool GroupFileReader::matchTriplet(std::string_view text, regmatch_t (&m)[4]) {
   return regexec(&tripletPattern, copy.c_str(), 4, m, 0) == 0;
 }
 
-void GroupFileReader::load(const std::string& path) {
+// "name.1.2": the registry key before the first dot, then one index component
+// per further dot-separated part, each read as an unsigned 32-bit number. The
+// parts are those of Common::split: a dot at the very end adds no part.
+bool LineScanner::splitKey(std::string_view key, std::string_view& stem, RowIdx& index) const {
+  index.clear();
+  size_t dot = key.find('.');
+  if (dot == std::string_view::npos || dot + 1 == key.size()) return false;
+  stem = key.substr(0, dot);
+  while (dot != std::string_view::npos && dot + 1 < key.size()) {
+    const size_t start = dot + 1;
+    dot = key.find('.', start);
+    const size_t end = dot == std::string_view::npos ? key.size() : dot;
+    index.push_back(Common::parseUnsigned32(key.data() + start, end - start));
+  }
+  return true;
+}
+
+bool LineScanner::splitTriplet(std::string_view text, size_t& next, unsigned int& column, int& type,
+                               std::string_view& value) {
+  regmatch_t m[4];
+  if (!matchTriplet(text, m) || tripletPattern.re_nsub != 3) return false;
+  // Column and type are digits only; read as `stream >> unsigned int` and
+  // `toNumber<int>` read them, they saturate.
+  column = digitsValue(text.data() + m[1].rm_so, text.data() + m[1].rm_eo, UINT32_MAX);
+  type = static_cast<int>(digitsValue(text.data() + m[2].rm_so, text.data() + m[2].rm_eo, INT32_MAX));
+  value = slotText(text.data(), m[3]);
+  // The triplet and the one blank after it are consumed.
+  next = static_cast<size_t>(m[3].rm_eo) + 1;
+  return true;
+}
+
+// ---- Checked values
+
+std::string printed(const char* format, ...) {
+  char text[512];
+  va_list args;
+  va_start(args, format);
+  const int length = vsnprintf(text, sizeof text, format, args);
+  va_end(args);
+  return std::string(text, length < 0 ? 0 : std::min(static_cast<size_t>(length), sizeof text - 1));
+}
+
+std::string shown(std::string_view text) {
+  const size_t kLongest = 64;
+  std::string out;
+  for (size_t i = 0; i < text.size() && i < kLongest; ++i) {
+    const unsigned char c = static_cast<unsigned char>(text[i]);
+    out += c >= 0x20 && c < 0x7f ? static_cast<char>(c) : '?';
+  }
+  if (text.size() > kLongest) out += "...";
+  return out;
+}
+
+namespace {
+
+// A former layout's column number as today's; false when today's layout has
+// no such column (the map gives 0).
+bool renumber(const std::map<unsigned int, unsigned int>* columns, unsigned int& column) {
+  if (columns == nullptr) return true;
+  auto it = columns->find(column);
+  if (it == columns->end()) return true;
+  column = it->second;
+  return column != 0;
+}
+
+// A triplet's value for a value of `type` with `bounds`, then the verdict of
+// `validate`: type, length, range, validator, the order of a table's SET.
+ZELTA_COLD bool checkValue(ValueType type, int written, std::string_view text, const Bounds& bounds,
+                const std::function<bool(const Variant&)>& validate, Variant& out, std::string& why) {
+  const ValueCodec* codec = ValueCodec::of(type);
+  if (codec == nullptr) {
+    why = printed("type %d holds no single value", static_cast<int>(type));
+  } else if (!codec->readsFileType(written)) {
+    why = printed("written as type %d, not as type %d", written, static_cast<int>(type));
+  } else if (!codec->parseCheckedFileValue(text, out)) {
+    why = printed("'%s' is no value of type %d", shown(text).c_str(), static_cast<int>(type));
+  } else if (type == STRING && !codec->lengthFits(out.getString().size(), bounds)) {
+    why = printed("length %zu outside %u..%u", out.getString().size(), static_cast<unsigned>(bounds.min),
+                  static_cast<unsigned>(bounds.max));
+  } else if (type == INTEGER && !codec->inRange(out.getLong(), bounds)) {
+    why = printed("%ld outside %d..%d", out.getLong(), static_cast<int>(static_cast<int32_t>(bounds.min)),
+                  static_cast<int>(static_cast<int32_t>(bounds.max)));
+  } else if (validate && !validate(out)) {
+    why = printed("%s refused by the validator", shown(text).c_str());
+  } else {
+    return true;
+  }
+  return false;
+}
+
+// The triplet that `next` ends must be followed by a blank or by nothing: a
+// SET has no glued or trailing text.
+bool endsCleanly(std::string_view text, size_t next) { return next > text.size() || text[next - 1] == ' '; }
+
+}  // namespace
+
+ZELTA_COLD bool checkScalarText(LineScanner& scanner, Param& param, std::string_view value, int action, Variant& out,
+                     std::string& why) {
+  size_t next = 0;
+  unsigned int column = 0;
+  int type = 0;
+  std::string_view text;
+  if (!scanner.splitTriplet(value, next, column, type, text)) {
+    why = "no column:type:value triplet";
+    return false;
+  }
+  if (!endsCleanly(value, next) || next < value.size()) {
+    why = "more than one value";
+    return false;
+  }
+  const ValueCodec* codec = ValueCodec::of(param.getType());
+  if (codec != nullptr && param.getValue().getType() != VariantType::UNDEFINED && !codec->fits(param.getValue())) {
+    why = "the parameter holds a value of another kind than its type";
+    return false;
+  }
+  const ExtraInfo info({}, action, -1);
+  const Param::Range& range = param.getRange();
+  return checkValue(
+      param.getType(), type, text, Bounds(range.first, range.second),
+      [&](const Variant& v) { return param.validate(v, &info); }, out, why);
+}
+
+ZELTA_COLD bool checkRowText(LineScanner& scanner, const Param& param, const RowIdx& index, std::string_view value,
+                  const std::map<unsigned int, unsigned int>* columns, int action, TableRow& row, std::string& why) {
+  const TableDef* def = param.getType() == TABLE ? param.getValue().getTable().getDef() : nullptr;
+  if (def == nullptr) {
+    why = "the table has no definition";
+    return false;
+  }
+  if (def->numIdx >= 0 && index.size() != static_cast<size_t>(def->numIdx)) {
+    why = printed("an index of %zu components, not %d", index.size(), def->numIdx);
+    return false;
+  }
+  while (!value.empty()) {
+    size_t next = 0;
+    unsigned int column = 0;
+    int type = 0;
+    std::string_view text;
+    if (!scanner.splitTriplet(value, next, column, type, text) || !endsCleanly(value, next)) {
+      why = printed("'%s' is no column:type:value triplet", shown(value).c_str());
+      return false;
+    }
+    value.remove_prefix(std::min(next, value.size()));
+    if (!renumber(columns, column)) continue;
+    auto field = def->fields.find(column);
+    if (column == def->rowStatusColumn || field == def->fields.end()) {
+      why = printed("no value column %u", column);
+      return false;
+    }
+    const FieldType& fieldType = field->second;
+    const ExtraInfo info(index, action, static_cast<int>(column));
+    Variant cell;
+    if (!checkValue(
+            fieldType.type, type, text, Bounds(fieldType.min, fieldType.max),
+            [&](const Variant& v) { return !fieldType.validator || fieldType.validator(v, &info); }, cell, why)) {
+      why = printed("column %u: %s", column, why.c_str());
+      return false;
+    }
+    storeCell(row, column, std::move(cell));
+  }
+  return true;
+}
+
+ZELTA_COLD void Access::holdLine(Param& param, std::string_view line) {
+  if (!param.lineage) param.lineage = std::make_unique<Param::Lineage>();
+  std::string& held = param.lineage->heldLines;
+  if (param.getType() != TABLE) held.clear();
+  held.append(line);
+  held += '\n';
+}
+
+// ---- Reading
+
+GroupFileReader::GroupFileReader(const regex_t& line, const regex_t& triplet,
+                                 const std::unordered_map<std::string, Param*>& registry, bool checkEverything)
+    : scanner(line, triplet), params(registry), checkAll(checkEverything), log(Log["libzelta"]) {
+  for (const auto& [key, param] : registry) {
+    if (param == nullptr) continue;
+    for (const Param::FormerName& former : param->getFormerNames()) {
+      // A key registered today is that parameter's, whoever had it before.
+      if (registry.count(former.key) == 0) formerKeys.try_emplace(former.key, FormerKey{param, &former});
+    }
+  }
+}
+
+void GroupFileReader::load(const std::string& file, ParamGroup* owner) {
+  path = file;
   log.append(DEBUG, "ParamManager: loading data from file '%s'\n", path.c_str());
   const int fd = openForReading(path);
   if (fd < 0) {
     log.append(WARNING, "ParamManager: - cannot open '%s' for reading\n", path.c_str());
     return;
   }
+  std::string kept;
+  foreign = owner != nullptr && owner->keepsForeignLines() ? &kept : nullptr;
   // Lines are taken from the buffer where they lie; only a line cut by the
   // end of a read is put together in `pending`. The lines of one read are
   // applied under the library lock: the agent and the host's threads see
@@ -261,27 +460,47 @@ void GroupFileReader::load(const std::string& path) {
     }
     if (reading) pending.append(start, end);
   }
+  LibraryLockGuard lock(libraryMutex());
   // A last line without a line end counts too.
-  if (reading && !pending.empty()) {
-    LibraryLockGuard lock(libraryMutex());
-    applyLine(pending.data(), pending.size());
-  }
+  if (reading && !pending.empty()) applyLine(pending.data(), pending.size());
+  if (foreign != nullptr) Access::setForeignLines(*owner, std::move(kept));
+  foreign = nullptr;
   close(fd);
+}
+
+ZELTA_COLD void GroupFileReader::finish() {
+  LibraryLockGuard lock(libraryMutex());
+  for (Waiting& w : waiting) {
+    if (readUnderCurrentKey.count(w.key.param) != 0) continue;  // the current key wins; the line goes
+    path = w.path;
+    std::string_view key, value;
+    if (scanner.matchLine(w.line.data(), w.line.size(), key, value) && scanner.splitKey(key, stemView, index))
+      applyEntry(w.key.param, w.key.name, key, value, w.line);
+  }
+  waiting.clear();
+}
+
+void GroupFileReader::keepForeign(const char* text, size_t length) {
+  if (foreign == nullptr) return;
+  foreign->append(text, length);
+  *foreign += '\n';
 }
 
 // REQUIRES: library lock held (values and tables are written in place).
 bool GroupFileReader::applyLine(const char* text, size_t length) {
   libraryMutex().assertHeld();
-  regmatch_t m[4];
-  if (!matchLine(text, length, m)) return true;
-  if (linePattern.re_nsub < 2) {
+  std::string_view key, value;
+  if (!scanner.matchLine(text, length, key, value)) {
+    keepForeign(text, length);
+    return true;
+  }
+  if (!scanner.lineGroupsPresent()) {
     ZELTA_TRACE_AS("loadFromFile");
     return false;
   }
-  const std::string_view key = slotText(text, m[1]);
-  const std::string_view value = slotText(text, m[2]);
-  if (!splitKey(key)) {
+  if (!scanner.splitKey(key, stemView, index)) {
     log.append(WARNING, "ParamManager: - skip invalid key '%s'\n", std::string(key).c_str());
+    keepForeign(text, length);
     return true;
   }
   // The lines of a table come one after the other: its parameter is looked
@@ -290,51 +509,77 @@ bool GroupFileReader::applyLine(const char* text, size_t length) {
     stem.assign(stemView);
     auto it = params.find(stem);
     lastParam = it == params.end() ? nullptr : it->second;
+    lastFormer = nullptr;
+    if (lastParam == nullptr && !formerKeys.empty()) {
+      auto former = formerKeys.find(stem);
+      if (former != formerKeys.end()) {
+        lastParam = former->second.param;
+        lastFormer = former->second.name;
+      }
+    }
     if (lastParam == nullptr) {
       // Files may hold parameters the program no longer defines.
       ZELTA_TRACE_AS("loadFromFile");
+      keepForeign(text, length);
       return true;
     }
   }
-  Param* param = lastParam;
-  log.append(VERBOSE, "ParamManager: - stem %s, type: [%d]\n", stem.c_str(), static_cast<int>(param->getType()));
-  if (param->getType() == TABLE) {
-    if (!setTableRow(value, param)) log.append(WARNING, "ParamManager: - cannot read table row '%s'!\n", stem.c_str());
+  if (lastFormer != nullptr) {
+    if (readUnderCurrentKey.count(lastParam) == 0)
+      waiting.push_back(Waiting{FormerKey{lastParam, lastFormer}, std::string(text, length), path});
+    return true;
+  }
+  if (!formerKeys.empty()) readUnderCurrentKey.insert(lastParam);
+  applyEntry(lastParam, nullptr, key, value, std::string_view(text, length));
+  return true;
+}
+
+void GroupFileReader::applyEntry(Param* param, const Param::FormerName* former, std::string_view key,
+                                 std::string_view value, std::string_view line) {
+  if (log.level >= VERBOSE)
+    log.append(VERBOSE, "ParamManager: - stem %s, type: [%d]\n", std::string(stemView).c_str(),
+               static_cast<int>(param->getType()));
+  if (checkAll || param->getGroup()->isCheckedLoading()) {
+    // What this load refuses replaces what an earlier one held: a table's
+    // refused lines would pile up otherwise.
+    if (reheld.insert(param).second) Access::forgetHeldLines(*param);
+    applyChecked(param, former, key, value, line);
+  } else if (param->getType() == TABLE) {
+    if (!setTableRow(value, param, former != nullptr ? &former->columns : nullptr))
+      log.append(WARNING, "ParamManager: - cannot read table row '%s'!\n", std::string(stemView).c_str());
   } else if (!setScalar(value, param)) {
-    log.append(WARNING, "ParamManager: - cannot read scalar '%s'!\n", stem.c_str());
+    log.append(WARNING, "ParamManager: - cannot read scalar '%s'!\n", std::string(stemView).c_str());
   }
-  return true;
 }
 
-// "name.1.2": the registry key before the first dot, then one index component
-// per further dot-separated part, each read as an unsigned 32-bit number. The
-// parts are those of Common::split: a dot at the very end adds no part.
-bool GroupFileReader::splitKey(std::string_view key) {
-  index.clear();
-  size_t dot = key.find('.');
-  if (dot == std::string_view::npos || dot + 1 == key.size()) return false;
-  stemView = key.substr(0, dot);
-  while (dot != std::string_view::npos && dot + 1 < key.size()) {
-    const size_t start = dot + 1;
-    dot = key.find('.', start);
-    const size_t end = dot == std::string_view::npos ? key.size() : dot;
-    index.push_back(Common::parseUnsigned32(key.data() + start, end - start));
+ZELTA_COLD void GroupFileReader::applyChecked(Param* param, const Param::FormerName* former, std::string_view key,
+                                   std::string_view value, std::string_view line) {
+  std::string why;
+  bool taken = false;
+  if (param->getType() != TABLE) {
+    Variant loaded;
+    taken = checkScalarText(scanner, *param, value, ACTION_LOADED, loaded, why) &&
+            Access::loadScalar(*param, std::move(loaded));
+  } else {
+    // The row changes only when the whole line is good.
+    Table* table = param->getValue().getMutableTable();
+    auto found = table->getRows().find(index);
+    const bool existed = found != table->getRows().end();
+    TableRow row = existed ? found->second : TableRow();
+    taken = checkRowText(scanner, *param, index, value, former != nullptr ? &former->columns : nullptr, ACTION_LOADED,
+                         row, why);
+    if (taken) {
+      if (!existed) table->completeRow(row);
+      bool created = false;
+      TableRow& stored = table->openRow(index, created);
+      stored = std::move(row);
+      Access::publishRow(*param, index);
+    }
   }
-  return true;
-}
-
-bool GroupFileReader::splitTriplet(std::string_view text, size_t& next, unsigned int& column, int& type,
-                                   std::string_view& value) {
-  regmatch_t m[4];
-  if (!matchTriplet(text, m) || tripletPattern.re_nsub != 3) return false;
-  // Column and type are digits only; read as `stream >> unsigned int` and
-  // `toNumber<int>` read them, they saturate.
-  column = digitsValue(text.data() + m[1].rm_so, text.data() + m[1].rm_eo, UINT32_MAX);
-  type = static_cast<int>(digitsValue(text.data() + m[2].rm_so, text.data() + m[2].rm_eo, INT32_MAX));
-  value = slotText(text.data(), m[3]);
-  // The triplet and the one blank after it are consumed.
-  next = static_cast<size_t>(m[3].rm_eo) + 1;
-  return true;
+  if (taken) return;
+  log.append(WARNING, "ParamManager: - refused %s = %s in '%s': %s; the line stays until the value changes\n",
+             shown(key).c_str(), shown(value).c_str(), path.c_str(), why.c_str());
+  Access::holdLine(*param, line);
 }
 
 bool GroupFileReader::setScalar(std::string_view value, Param* param) {
@@ -342,7 +587,7 @@ bool GroupFileReader::setScalar(std::string_view value, Param* param) {
   unsigned int column = 0;
   int type = 0;
   std::string_view text;
-  if (!splitTriplet(value, next, column, type, text)) {
+  if (!scanner.splitTriplet(value, next, column, type, text)) {
     log.append(DEBUG, "ParamManager: setScalar(): cannot split triplet '%s'\n", std::string(value).c_str());
     return false;
   }
@@ -358,10 +603,11 @@ bool GroupFileReader::setScalar(std::string_view value, Param* param) {
     return true;
   }
   Variant loaded = codec->parseFileValue(text, false);
-  return loaded.getType() != VariantType::UNDEFINED && param->loadScalar(std::move(loaded));
+  return loaded.getType() != VariantType::UNDEFINED && Access::loadScalar(*param, std::move(loaded));
 }
 
-bool GroupFileReader::setTableRow(std::string_view value, Param* param) {
+bool GroupFileReader::setTableRow(std::string_view value, Param* param,
+                                  const std::map<unsigned int, unsigned int>* columns) {
   Table* table = param->getValue().getMutableTable();
   TableDef* def = table->getDef();
   // A table without definition has no typed columns, and an index of the
@@ -369,25 +615,28 @@ bool GroupFileReader::setTableRow(std::string_view value, Param* param) {
   if (def == nullptr || (def->numIdx >= 0 && index.size() != static_cast<size_t>(def->numIdx))) return false;
   bool created = false;
   TableRow& row = table->openRow(index, created);
-  const bool read = readCells(value, *def, row, *param);
+  const bool read = readCells(value, *def, row, *param, columns);
   // A new row gets the defaults of the cells the line leaves out, whatever
   // comes of the line: what addOrUpdateRow would have given it, without
   // making defaults that the line then replaces.
   if (created) table->completeRow(row);
   // A loaded row is active at once, also one an SNMP manager had not
   // activated, and nobody is told.
-  if (read) table->setRowStatus(index, true);
+  if (read) Access::publishRow(*param, index);
   return read;
 }
 
-bool GroupFileReader::readCells(std::string_view value, const TableDef& def, TableRow& row, const Param& param) {
+bool GroupFileReader::readCells(std::string_view value, const TableDef& def, TableRow& row, const Param& param,
+                                const std::map<unsigned int, unsigned int>* columns) {
   size_t next = 0;
   unsigned int column = 0;
   int type = 0;
   std::string_view text;
-  while (splitTriplet(value, next, column, type, text)) {
-    auto field = def.fields.find(column);
-    if (column == def.rowStatusColumn || field == def.fields.end()) {
+  while (scanner.splitTriplet(value, next, column, type, text)) {
+    auto field = def.fields.end();
+    if (!renumber(columns, column)) {
+      // A column today's layout no longer has.
+    } else if (column == def.rowStatusColumn || (field = def.fields.find(column)) == def.fields.end()) {
       log.append(WARNING,
                  "ParamManager: setTableRow(): column %d is not a valid field or it's a special one (e.g. "
                  "rowStatus)!\n",

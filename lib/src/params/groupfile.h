@@ -12,26 +12,29 @@
 // depend on the locale for bytes of 0x80 and above, so a line holding such a
 // byte is handed to regexec: the result is the same in every locale.
 //
-// Thread safety: the reader takes the library lock for each line it applies;
-// the writer's functions only read the values they are given.
+// Thread safety: the reader takes the library lock for each piece of lines
+// it applies; the writer's functions only read the values they are given.
 #ifndef ZELTA_SRC_PARAMS_GROUPFILE_H_
 #define ZELTA_SRC_PARAMS_GROUPFILE_H_
 
 #include <regex.h>
 
 #include <cstddef>
+#include <map>
 #include <string>
 #include <string_view>
 #include <unordered_map>
+#include <unordered_set>
+#include <utility>
 #include <vector>
 
 #include "zelta/export.h"
+#include "zelta/param.h"
 #include "zelta/tabledef.h"
 
 namespace Quorvel::Kvan {
 
 class LogChannel;
-class Param;
 
 namespace groupfile {
 
@@ -59,42 +62,128 @@ ZELTA_EXPORT Scan scanTriplet(const char* text, size_t length, regmatch_t (&matc
 Scan scanJudgedLine(const unsigned char* text, size_t length, regmatch_t (&match)[4]);
 Scan scanJudgedTriplet(const unsigned char* text, size_t length, regmatch_t (&match)[4]);
 
-// Reads group files into the parameters of a registry.
-class GroupFileReader {
+// Splits lines and triplets as the two patterns do: by the scanner where it
+// can judge a text, by regexec where it cannot.
+class LineScanner {
  public:
-  // `linePattern` and `tripletPattern` are the compiled patterns; lines the
-  // scanner cannot judge go to them.
-  GroupFileReader(const regex_t& linePattern, const regex_t& tripletPattern,
-                  const std::unordered_map<std::string, Param*>& params);
+  LineScanner(const regex_t& linePattern, const regex_t& tripletPattern);
 
-  // Reads one file. Bad lines are logged and skipped; a line for a key that
-  // is not registered is ignored.
-  void load(const std::string& path);
+  // The key and the value text of an entry line; false for any other line.
+  bool matchLine(const char* text, size_t length, std::string_view& key, std::string_view& value);
+  // "name.1.2": the registry part before the first dot and one index
+  // component per further part; false when there is no index.
+  bool splitKey(std::string_view key, std::string_view& stem, RowIdx& index) const;
+  // The first triplet of `text`; `next` is the offset after it and the one
+  // character (the blank) that follows it.
+  bool splitTriplet(std::string_view text, size_t& next, unsigned int& column, int& type, std::string_view& value);
+  // False when the line pattern lacks its two sub-expressions (never for
+  // the pattern given).
+  bool lineGroupsPresent() const { return linePattern.re_nsub >= 2; }
 
  private:
-  // Applies one line; false when reading must stop.
-  bool applyLine(const char* text, size_t length);
-  // The scanner, or regexec for what it cannot judge.
-  bool matchLine(const char* text, size_t length, regmatch_t (&m)[4]);
   bool matchTriplet(std::string_view text, regmatch_t (&m)[4]);
-  bool splitKey(std::string_view key);
-  bool splitTriplet(std::string_view text, size_t& next, unsigned int& column, int& type, std::string_view& value);
-  bool setScalar(std::string_view value, Param* param);
-  bool setTableRow(std::string_view value, Param* param);
-  // Reads the triplets of a table line into `row`; false at the first that
-  // cannot be read.
-  bool readCells(std::string_view value, const TableDef& def, TableRow& row, const Param& param);
 
   const regex_t& linePattern;
   const regex_t& tripletPattern;
+  std::string copy;         // a NUL-terminated line for regexec
+  bool lineJudged = false;  // the line holds no byte the scanner leaves to regexec
+};
+
+// Checked reading: a value is taken as an SNMP SET of it would be (type,
+// range or length, validator). The validators get an ExtraInfo with
+// `action`. On refusal `why` says why, for a log line or an error.
+//
+// The single value of an entry's value text (one triplet) for `param`.
+bool checkScalarText(LineScanner& scanner, Param& param, std::string_view value, int action, Variant& out,
+                     std::string& why);
+// The cells of a row's value text into `row`, numbered by `columns` when
+// given (a former layout's numbers to today's; 0 drops the cell).
+bool checkRowText(LineScanner& scanner, const Param& param, const RowIdx& index, std::string_view value,
+                  const std::map<unsigned int, unsigned int>* columns, int action, TableRow& row, std::string& why);
+// `text` for a log line or an error: at most 64 bytes, bytes that are not
+// printable ASCII shown as '?'.
+std::string shown(std::string_view text);
+// A refusal's text, as printf formats it (at most 511 bytes).
+std::string printed(const char* format, ...) __attribute__((format(printf, 1, 2)));
+
+// Reads group files into the parameters of a registry. One reader serves a
+// whole load: lines under a parameter's former key wait until every file is
+// read and are applied by finish() to parameters no file had a line for
+// under their current key.
+class GroupFileReader {
+ public:
+  // `linePattern` and `tripletPattern` are the compiled patterns; lines the
+  // scanner cannot judge go to them. `checkAll` checks every value read (as
+  // ParamGroup::setCheckedLoading does for its parameters).
+  GroupFileReader(const regex_t& linePattern, const regex_t& tripletPattern,
+                  const std::unordered_map<std::string, Param*>& params, bool checkAll);
+
+  // Reads one file. Bad lines are logged and skipped; a line for a key that
+  // is not registered is ignored, or kept by `owner` (the group whose file
+  // it is, if any) when it keeps foreign lines.
+  void load(const std::string& path, ParamGroup* owner = nullptr);
+  // Applies the lines waiting under former keys.
+  void finish();
+
+ private:
+  // A key known as the former name of a parameter.
+  struct FormerKey {
+    Param* param;
+    const Param::FormerName* name;
+  };
+  // A line under a former key, waiting for the end of the load.
+  struct Waiting {
+    FormerKey key;
+    std::string line;
+    std::string path;
+  };
+
+  // Applies one line; false when reading must stop.
+  bool applyLine(const char* text, size_t length);
+  // The line of an entry for `param`, under its current key or a former one.
+  void applyEntry(Param* param, const Param::FormerName* former, std::string_view key, std::string_view value,
+                  std::string_view line);
+  void applyChecked(Param* param, const Param::FormerName* former, std::string_view key, std::string_view value,
+                    std::string_view line);
+  bool setScalar(std::string_view value, Param* param);
+  bool setTableRow(std::string_view value, Param* param, const std::map<unsigned int, unsigned int>* columns);
+  // Reads the triplets of a table line into `row`; false at the first that
+  // cannot be read.
+  bool readCells(std::string_view value, const TableDef& def, TableRow& row, const Param& param,
+                 const std::map<unsigned int, unsigned int>* columns);
+  // A line no parameter reads, kept when the file's group keeps them.
+  void keepForeign(const char* text, size_t length);
+
+  LineScanner scanner;
   const std::unordered_map<std::string, Param*>& params;
+  const bool checkAll;
   LogChannel& log;
-  std::string copy;           // a NUL-terminated line for regexec
   std::string_view stemView;  // the key's registry part
   RowIdx index;               // the key's index part
-  bool lineJudged = false;    // the line holds no byte the scanner leaves to regexec
   std::string stem;           // the last stem looked up, and its parameter
   Param* lastParam = nullptr;
+  const Param::FormerName* lastFormer = nullptr;
+  std::string path;                // the file being read
+  std::string* foreign = nullptr;  // where the lines of no parameter go, or null
+  std::unordered_map<std::string, FormerKey> formerKeys;
+  std::vector<Waiting> waiting;
+  std::unordered_set<const Param*> readUnderCurrentKey;  // kept only while there are former keys
+  std::unordered_set<const Param*> reheld;               // checked parameters whose held lines this load replaced
+};
+
+// The way of the reader and of configuration changes into what Param and
+// ParamGroup keep for them alone. REQUIRES: library lock held.
+struct Access {
+  static bool loadScalar(Param& param, Variant&& value) { return param.loadScalar(std::move(value)); }
+  static void publishRow(Param& param, const RowIdx& index) { param.publishRow(index); }
+  // Keeps a line a checked load refused, written by saves until the value
+  // changes; a single value keeps its last one.
+  static void holdLine(Param& param, std::string_view line);
+  static void forgetHeldLines(Param& param) { param.forgetHeldLines_nolock(); }
+  static void setForeignLines(ParamGroup& group, std::string lines) { group.foreignLines = std::move(lines); }
+  static void runPostSets(Param& param, const ExtraInfo* info) {
+    for (auto& hook : param.postSets) hook(param.value, info);
+  }
 };
 
 // ---- Writing

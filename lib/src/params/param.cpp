@@ -15,6 +15,7 @@ Param::Param(ParamGroup& paramGroup, ValueType paramType, Variant initial, SNMP:
              Range paramRange)
     : group(&paramGroup), snmpInfo(info), type(paramType), savePolicy(policy), range(paramRange) {
   fillValue(initial);
+  factoryValue = value;
   if (isSnmpEntry()) fillSnmpInfo();
   group->enrol(this);
 }
@@ -23,6 +24,7 @@ Param::Param(ParamGroup& paramGroup, ValueType paramType, SNMP::SNMPInfo* info, 
              Range paramRange)
     : group(&paramGroup), snmpInfo(info), type(paramType), savePolicy(policy), range(paramRange) {
   fillWithDefaultValue();
+  factoryValue = value;
   if (isSnmpEntry()) fillSnmpInfo();
   group->enrol(this);
 }
@@ -107,6 +109,7 @@ void Param::setValue(const Table& v) { setValue(Variant(v)); }
 
 void Param::setValue(const Variant& v) {
   LibraryLockGuard lock(libraryMutex());
+  forgetHeldLines_nolock();
   // A table is copied into the Table object the parameter already holds: a
   // published table's SNMP side keeps pointing at that object.
   if (&v != &value && value.getType() == VariantType::TABLEDEF && v.getType() == VariantType::TABLEDEF) {
@@ -118,6 +121,21 @@ void Param::setValue(const Variant& v) {
     return;
   }
   value = v;
+}
+
+void Param::addFormerName(const std::string& key, const std::map<unsigned int, unsigned int>& columns) {
+  LibraryLockGuard lock(libraryMutex());
+  if (!lineage) lineage = std::make_unique<Lineage>();
+  lineage->formerNames.push_back(FormerName{key, columns});
+}
+
+const std::vector<Param::FormerName>& Param::getFormerNames() const {
+  static const std::vector<FormerName> kNone;
+  return lineage ? lineage->formerNames : kNone;
+}
+
+void Param::forgetHeldLines_nolock() {
+  if (lineage) lineage->heldLines.clear();
 }
 
 void Param::setValidator(const std::function<bool(const Variant&, const ExtraInfo*)>&& fn) {
@@ -155,6 +173,7 @@ void Param::notifyAll(const std::string& reason, const ExtraInfo* info) {
   // Row creation and deletion alone do not schedule a save: a deletion is
   // preceded by a deactivation, which does.
   const bool savesTable = type != TABLE || (info != nullptr && info->action >= 3 && info->action <= 5);
+  forgetHeldLines_nolock();
   if (savePolicy == SAVE_ON_CHANGE && active && savesTable) group->onChange(this, reason, info);
   if (active) {
     for (auto& hook : postSets) hook(value, info);
@@ -170,6 +189,7 @@ bool Param::setTableCellValue(const RowIdx& idx, const unsigned int& column, con
     return false;
   }
   LibraryLockGuard lock(libraryMutex());
+  forgetHeldLines_nolock();
   // The table's answer is deliberately not looked at: a refused write still
   // returns true. A published table is served from this very Table.
   value.getMutableTable()->setCellValue(idx, column, v);
@@ -202,8 +222,11 @@ bool Param::loadScalar(Variant&& loaded) {
   // constructor a value of another type) is refused, not asserted.
   if (value.getType() != VariantType::UNDEFINED && value.getType() != loaded.getType()) return false;
   value = std::move(loaded);
+  forgetHeldLines_nolock();
   return true;
 }
+
+void Param::publishRow(const RowIdx& index) { value.getMutableTable()->setRowStatus(index, true); }
 
 // ---- Group-file text
 
@@ -237,6 +260,18 @@ std::string Param::toFileText() {
 }
 
 void Param::appendFileText(std::string& out) {
+  LibraryLockGuard lock(libraryMutex());
+  if (lineage == nullptr || lineage->heldLines.empty() || savePolicy == NEVER_SAVE) {
+    appendValueText(out);
+    return;
+  }
+  // Lines a checked load refused stay in the file until the value changes:
+  // a single value's in place of its line, a table's after its rows.
+  if (type == TABLE) appendValueText(out);
+  out += lineage->heldLines;
+}
+
+void Param::appendValueText(std::string& out) {
   LibraryLockGuard lock(libraryMutex());
   if (savePolicy == NEVER_SAVE) return;
   if (type == TABLE)

@@ -134,7 +134,10 @@ ParamGroup::ParamGroup(const ParamGroup& other)
       filePath(other.filePath),
       params(other.params),
       active(other.active.load()),
-      atomicSave(other.atomicSave) {}
+      atomicSave(other.atomicSave),
+      keepForeign(other.keepForeign),
+      checkedLoading(other.checkedLoading),
+      foreignLines(other.getForeignLines()) {}
 
 ParamGroup& ParamGroup::operator=(const ParamGroup& other) {
   if (this != &other) {
@@ -142,8 +145,18 @@ ParamGroup& ParamGroup::operator=(const ParamGroup& other) {
     filePath = other.filePath;
     params = other.params;
     atomicSave = other.atomicSave;
+    keepForeign = other.keepForeign;
+    checkedLoading = other.checkedLoading;
+    std::string lines = other.getForeignLines();
+    LibraryLockGuard lock(libraryMutex());
+    foreignLines = std::move(lines);
   }
   return *this;
+}
+
+std::string ParamGroup::getForeignLines() const {
+  LibraryLockGuard lock(libraryMutex());
+  return foreignLines;
 }
 
 void ParamGroup::setParams(const std::string& groupName, const std::string& path) {
@@ -178,6 +191,7 @@ bool ParamGroup::save() {
       param->appendFileText(text);
       ++count;  // NEVER_SAVE parameters are counted too
     }
+    text += foreignLines;
     snapshot = nextSnapshot_nolock();
   }
   FileWrites& writes = fileWrites();

@@ -40,20 +40,32 @@ Param*& ParamManager::operator[](std::string key) {
   return it->second;
 }
 
-void ParamManager::loadAllGroups() {
-  for (ParamGroup* group : groups) loadGroup(*group);
-}
+void ParamManager::loadAllGroups() { loadGroups(std::vector<ParamGroup*>(groups.begin(), groups.end())); }
 
-void ParamManager::loadGroup(ParamGroup& group) {
-  group.setActiveMode(false);
-  loadFromFile(group.getFilePath());
-  group.setActiveMode(true);
+void ParamManager::loadGroup(ParamGroup& group) { loadGroups({&group}); }
+
+void ParamManager::loadGroups(const std::vector<ParamGroup*>& which) {
+  groupfile::GroupFileReader reader(cfgRe, trpRe, params, checkedLoading);
+  for (ParamGroup* group : which) {
+    group->setActiveMode(false);
+    reader.load(group->getFilePath(), group);
+    group->setActiveMode(true);
+  }
+  reader.finish();
 }
 
 void ParamManager::saveAllGroups() {
   for (ParamGroup* group : groups) group->save();
 }
 
-void ParamManager::loadFromFile(std::string path) { groupfile::GroupFileReader(cfgRe, trpRe, params).load(path); }
+void ParamManager::loadFromFile(std::string path) {
+  groupfile::GroupFileReader reader(cfgRe, trpRe, params, checkedLoading);
+  reader.load(path);
+  reader.finish();
+}
+
+std::vector<ParamGroup*> ParamManager::chosen(const std::vector<ParamGroup*>& which) const {
+  return which.empty() ? std::vector<ParamGroup*>(groups.begin(), groups.end()) : which;
+}
 
 }  // namespace Quorvel::Kvan

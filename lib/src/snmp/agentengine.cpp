@@ -36,6 +36,9 @@ void init_snmpNotifyFilterTable(void);
 void init_system_mib(void);
 void init_sysORTable(void);
 void init_snmpEngine(void);
+// The agent's main session (libnetsnmpagent exports it; no installed header
+// declares it).
+extern netsnmp_session* main_session;
 }
 
 namespace Quorvel::Kvan::SNMP {
@@ -46,6 +49,10 @@ const char kAppName[] = "libzelta";
 
 // The initialised engine, if any; guarded by agentLock().
 AgentEngine* activeEngine = nullptr;
+
+// Counts the times a thread other than the agent thread may have read one of
+// Net-SNMP's sessions; guarded by agentLock().
+unsigned readsElsewhere = 0;
 
 // Net-SNMP logs a line for every malformed datagram: alike lines are limited
 // to a few per minute, and what was held back is summed up once a minute.
@@ -228,11 +235,6 @@ void setOptions(const AgentConfig& config, const std::string& persistentDir) {
   netsnmp_ds_set_boolean(NETSNMP_DS_APPLICATION_ID, NETSNMP_DS_AGENT_AGENTX_MASTER, 0);
   netsnmp_ds_set_boolean(NETSNMP_DS_APPLICATION_ID, NETSNMP_DS_AGENT_DISABLE_PERL, 1);
   netsnmp_ds_set_boolean(NETSNMP_DS_APPLICATION_ID, NETSNMP_DS_AGENT_DONT_LOG_TCPWRAPPERS_CONNECTS, 1);
-  if (config.isSubagent()) return;
-  std::string endpoint = "udp:";
-  if (!config.listenAddress.empty()) endpoint += config.listenAddress + ":";
-  endpoint += std::to_string(config.port);
-  netsnmp_ds_set_string(NETSNMP_DS_APPLICATION_ID, NETSNMP_DS_AGENT_PORTS, endpoint.c_str());
 }
 
 void initStandardGroups(bool systemGroup) {
@@ -248,6 +250,54 @@ void initStandardGroups(bool systemGroup) {
     init_system_mib();
     init_sysORTable();
   }
+}
+
+// Net-SNMP's own check of an incoming packet asks TCP wrappers, which read
+// /etc/hosts.allow and /etc/hosts.deny for every request: files the host did
+// not give the agent, and ten system calls a request. The listen address and
+// the communities decide who may talk to the agent; the packet is counted.
+int acceptPacket(netsnmp_session* /*session*/, netsnmp_transport* /*transport*/, void* /*data*/, int /*length*/) {
+  snmp_increment_statistic(STAT_SNMPINPKTS);
+  return 1;
+}
+
+// Opens the agent's UDP port as Net-SNMP's master agent would, with the
+// packet check above.
+bool openPort_nolock(const AgentConfig& config) {
+  std::string endpoint = "udp:";
+  if (!config.listenAddress.empty()) endpoint += config.listenAddress + ":";
+  endpoint += std::to_string(config.port);
+  netsnmp_transport* transport = netsnmp_transport_open_server("snmp", endpoint.c_str());
+  if (transport == nullptr) return false;
+  netsnmp_session session;
+  snmp_sess_init(&session);
+  session.version = SNMP_DEFAULT_VERSION;
+  session.callback = handle_snmp_packet;
+  session.authenticator = nullptr;
+  session.flags = netsnmp_ds_get_int(NETSNMP_DS_APPLICATION_ID, NETSNMP_DS_AGENT_FLAGS);
+  session.isAuthoritative = SNMP_SESS_AUTHORITATIVE;
+  // snmp_shutdown closes it.
+  netsnmp_session* opened = snmp_add(&session, transport, acceptPacket, netsnmp_agent_check_parse);
+  if (opened == nullptr) {
+    netsnmp_transport_free(transport);
+    return false;
+  }
+  // The master role keeps its listening session under this name.
+  main_session = opened;
+  return true;
+}
+
+// Reads the sessions that `fds` marks, and what they passed on inside.
+void readAll_nolock(netsnmp_large_fd_set* fds) {
+  snmp_read2(fds);
+  // A subagent's request from the master reaches the agent, and its answer
+  // comes back, through Net-SNMP's internal pipes: read at once, the master
+  // has its answer in this turn instead of two more, each a select and a
+  // wake-up. Bounded, should something keep passing PDUs around.
+  netsnmp_large_fd_set inside;
+  netsnmp_large_fd_set_init(&inside, FD_SETSIZE);
+  for (int i = 0; i < 16 && agentx::queuedInside(&inside); ++i) snmp_read2(&inside);
+  netsnmp_large_fd_set_cleanup(&inside);
 }
 
 int removeOne(const char* path, const struct stat* /*sb*/, int /*flag*/, struct FTW* /*ftw*/) {
@@ -344,8 +394,8 @@ bool AgentEngine::initialize(const AgentConfig& config, const std::vector<MibEnt
   setlocale(LC_CTYPE, savedLocale.c_str());
   if (config.isSubagent()) agentx::started();
 
-  if (init_master_agent() != 0) {
-    Log["libzelta"].append(DEBUG, "AgentEngine: cannot open %s:%d\n",
+  if (!config.isSubagent() && !openPort_nolock(config)) {
+    Log["libzelta"].append(ERROR, "AgentEngine: cannot open UDP %s:%d\n",
                            config.listenAddress.empty() ? "*" : config.listenAddress.c_str(), config.port);
     cleanUp_nolock();
     return false;
@@ -360,6 +410,7 @@ void AgentEngine::serveOnce(int maxSeconds) {
   int numfds = 0;
   int block = 0;
   struct timeval timeout = {maxSeconds, 0};
+  unsigned readsBefore = 0;
   {
     std::lock_guard lock(agentLock());
     if (!initialized) {
@@ -371,6 +422,7 @@ void AgentEngine::serveOnce(int maxSeconds) {
       NETSNMP_LARGE_FD_SET(wakePipe[0], &fds);
       if (wakePipe[0] >= numfds) numfds = wakePipe[0] + 1;
     }
+    readsBefore = readsElsewhere;
   }
   if (block != 0 || timeout.tv_sec > maxSeconds) timeout = {maxSeconds, 0};
 
@@ -385,12 +437,14 @@ void AgentEngine::serveOnce(int maxSeconds) {
         while (read(wakePipe[0], drain, sizeof drain) > 0) {
         }
       }
-      // Another thread may have read a session since (a subagent's
-      // exchange with its master when a host thread destroys a published
-      // object): on a stream a read that finds nothing counts as a lost
-      // connection, so only what is readable now is read.
+      // A host thread that destroyed a published table meanwhile has talked
+      // to the master and may have read what woke us: on a stream a read
+      // that finds nothing counts as a lost connection, so then only what is
+      // still readable is read.
       struct timeval now = {0, 0};
-      if (select(numfds, fds.lfs_setptr, nullptr, nullptr, &now) > 0) snmp_read2(&fds);
+      if (readsElsewhere == readsBefore ||
+          select(numfds, fds.lfs_setptr, nullptr, nullptr, &now) > 0)
+        readAll_nolock(&fds);
     } else if (count < 0 && selectErrno != EINTR) {
       Log["libzelta"].append(WARNING, "AgentEngine: select failed: %s\n", strerror(selectErrno));
     }
@@ -447,6 +501,9 @@ void AgentEngine::cleanUp_nolock() {
 bool AgentEngine::isConnectedToMaster() { return agentx::isConnected(); }
 
 void AgentEngine::forgetEntry_nolock(MibEntry* entry) {
+  // A subagent's table tells the master that it leaves, and reads the
+  // answer, on this thread.
+  ++readsElsewhere;
   if (activeEngine == nullptr) return;
   if (auto* leaf = dynamic_cast<MibLeaf*>(entry)) {
     activeEngine->scalars->forget(leaf);

@@ -4,6 +4,8 @@
 #include <net-snmp/agent/agent_callbacks.h>
 // clang-format on
 
+#include <poll.h>
+
 #include <algorithm>
 #include <cstring>
 #include <set>
@@ -20,6 +22,7 @@
 extern "C" {
 extern netsnmp_session* main_session;
 extern netsnmp_session* agentx_callback_sess;
+extern netsnmp_session* callback_master_sess;
 extern int callback_master_num;
 int subagent_startup(int majorID, int minorID, void* serverarg, void* clientarg);
 int handle_subagent_response(int op, netsnmp_session* session, int reqid, netsnmp_pdu* pdu, void* magic);
@@ -48,6 +51,11 @@ struct Watch {
 };
 Watch watchState;
 bool connected = false;
+
+// Net-SNMP's sessions between its subagent and its agent: a request from the
+// master goes to the agent through the pipe of one, the answer back through
+// the other's. Taken after init_snmp, used only while Net-SNMP still has them.
+netsnmp_session* internalSessions[2] = {nullptr, nullptr};
 
 // Net-SNMP splits a registration around the ones that lie inside it, and
 // after a loss registers each piece with the master again: all but the first
@@ -132,6 +140,8 @@ void watch(const AgentConfig& config) {
 }
 
 void started() {
+  internalSessions[0] = agentx_callback_sess;
+  internalSessions[1] = callback_master_sess;
   if (watchState.watching && !connected)
     Log["libzelta"].append(WARNING, "AgentX: no master at %s yet; trying every %d s\n", watchState.master.c_str(),
                            watchState.pingSeconds);
@@ -146,6 +156,26 @@ void unwatch() {
   // session included, whose pointer Net-SNMP would keep and use again.
   if (main_session != nullptr) netSnmpSubagentSetUp = false;
   agentx_callback_sess = nullptr;
+  for (netsnmp_session*& session : internalSessions) session = nullptr;
+}
+
+bool queuedInside(netsnmp_large_fd_set* fds) {
+  NETSNMP_LARGE_FD_ZERO(fds);
+  pollfd pipes[2];
+  nfds_t count = 0;
+  for (netsnmp_session* session : internalSessions) {
+    void* handle = session != nullptr ? snmp_sess_pointer(session) : nullptr;
+    const netsnmp_transport* transport = handle != nullptr ? snmp_sess_transport(handle) : nullptr;
+    if (transport != nullptr && transport->sock >= 0) pipes[count++] = {transport->sock, POLLIN, 0};
+  }
+  bool any = false;
+  if (count > 0 && poll(pipes, count, 0) > 0)
+    for (nfds_t i = 0; i < count; ++i)
+      if ((pipes[i].revents & POLLIN) != 0) {
+        NETSNMP_LARGE_FD_SET(pipes[i].fd, fds);
+        any = true;
+      }
+  return any;
 }
 
 bool isConnected() {

@@ -9,6 +9,8 @@
 #ifndef ZELTA_SRC_SNMP_AGENTXLINK_H_
 #define ZELTA_SRC_SNMP_AGENTXLINK_H_
 
+struct netsnmp_large_fd_set_s;
+
 namespace Quorvel::Kvan::SNMP {
 
 struct AgentConfig;
@@ -28,6 +30,10 @@ void unwatch();
 // True while the master holds our registrations. Any thread; takes the
 // agent lock.
 bool isConnected();
+// Net-SNMP passes each request from the master to the agent, and the answer
+// back, through internal sessions of its own, each with a pipe. Sets in `fds`
+// (cleared first) the pipes that hold something, and says whether any does.
+bool queuedInside(netsnmp_large_fd_set_s* fds);
 // Net-SNMP's own lines about the master session, which the watch replaces.
 bool isSessionLine(const char* message);
 

@@ -452,7 +452,7 @@ ZELTA_COLD void DynMibTable::commit_set_request(netsnmp_agent_request_info_s* re
 
 // ---- Construction
 
-DynMibTable::DynMibTable(SNMPInfo* info, Variant* boundValue) : MibEntry(*info), value(boundValue) {
+ZELTA_COLD DynMibTable::DynMibTable(SNMPInfo* info, Variant* boundValue) : MibEntry(*info), value(boundValue) {
   definition = table().getDef();
   Log["libzelta"].append(VERBOSE, "DynMibTable:  oid:   .%s\n", getOid().c_str());
   if (definition == nullptr)
@@ -464,7 +464,7 @@ DynMibTable::DynMibTable(SNMPInfo* info, Variant* boundValue) : MibEntry(*info),
   initValues();
 }
 
-DynMibTable::~DynMibTable() {
+ZELTA_COLD DynMibTable::~DynMibTable() {
   if (isRegistered()) {
     std::lock_guard lock(agentLock());
     DynMibTable::unregisterEntry();
@@ -476,7 +476,7 @@ void DynMibTable::initIndexes() { numIdx = definition != nullptr ? definition->n
 
 void DynMibTable::initRowStatus() { rowStatusColumn = definition != nullptr ? definition->rowStatusColumn : 0; }
 
-void DynMibTable::initFields() {
+ZELTA_COLD void DynMibTable::initFields() {
   if (definition == nullptr) return;
   Log["libzelta"].append(VERBOSE, "DynMibTable: fields size: %d\n", static_cast<int>(definition->fields.size()));
   if (rowStatusColumn != 0) served.push_back(rowStatusColumn);
@@ -494,7 +494,7 @@ void DynMibTable::initFields() {
   served.erase(std::unique(served.begin(), served.end()), served.end());
 }
 
-void DynMibTable::initValues() {
+ZELTA_COLD void DynMibTable::initValues() {
   // The rows already in the Table are served as they are.
   LogChannel& channel = Log["libzelta"];
   if (channel.level < VERBOSE) return;
@@ -517,7 +517,7 @@ bool DynMibTable::servable(const RowIdx& indexes) const {
 
 // ---- Host operations
 
-bool DynMibTable::addRow(std::vector<unsigned long> indexes, std::map<unsigned int, Variant> row) {
+ZELTA_COLD bool DynMibTable::addRow(std::vector<unsigned long> indexes, std::map<unsigned int, Variant> row) {
   if (numIdx != -1 && static_cast<size_t>(numIdx) != indexes.size()) {
     Log["libzelta"].append(DEBUG, "DynMibTable: cannot add row, indexes must be %d and %d were provided!\n", numIdx,
                            static_cast<int>(indexes.size()));
@@ -542,13 +542,13 @@ bool DynMibTable::addRow(std::vector<unsigned long> indexes, std::map<unsigned i
   return true;
 }
 
-bool DynMibTable::isRowActive(const std::vector<unsigned long>& indexes) {
+ZELTA_COLD bool DynMibTable::isRowActive(const std::vector<unsigned long>& indexes) {
   if (getRowStatus(indexes) == kActive) return true;
   Log["libzelta"].append(DEBUG, "DynMibTable: row {%s} is not ACTIVE!\n", Common::flatten(indexes).c_str());
   return false;
 }
 
-void DynMibTable::removeRow(const std::vector<unsigned long>& indexes) {
+ZELTA_COLD void DynMibTable::removeRow(const std::vector<unsigned long>& indexes) {
   std::lock_guard lock(agentLock());
   Table& rows = table();
   bool wasActive = false;
@@ -561,9 +561,9 @@ void DynMibTable::removeRow(const std::vector<unsigned long>& indexes) {
   notify("removed row", indexes, 2, -1);
 }
 
-void DynMibTable::removeRow(const std::string& index) { removeRow(convertToIndexOids(index)); }
+ZELTA_COLD void DynMibTable::removeRow(const std::string& index) { removeRow(convertToIndexOids(index)); }
 
-Variant* DynMibTable::getCell(const std::vector<unsigned long>& indexes, const unsigned int& column) {
+ZELTA_COLD Variant* DynMibTable::getCell(const std::vector<unsigned long>& indexes, const unsigned int& column) {
   std::lock_guard lock(agentLock());
   Table& rows = table();
   if (rows.getRows().count(indexes) != 0) {
@@ -575,7 +575,7 @@ Variant* DynMibTable::getCell(const std::vector<unsigned long>& indexes, const u
   return nullptr;
 }
 
-bool DynMibTable::setCellValue(const std::vector<unsigned long>& indexes, const unsigned int& column,
+ZELTA_COLD bool DynMibTable::setCellValue(const std::vector<unsigned long>& indexes, const unsigned int& column,
                                const long& newValue) {
   std::lock_guard lock(agentLock());
   const FieldType* field = writableCell(indexes, column);
@@ -584,7 +584,7 @@ bool DynMibTable::setCellValue(const std::vector<unsigned long>& indexes, const 
          storeCell(indexes, column, ValueCodec::of(field->type)->fromNumber(newValue, converted), converted);
 }
 
-bool DynMibTable::setCellValue(const std::vector<unsigned long>& indexes, const unsigned int& column,
+ZELTA_COLD bool DynMibTable::setCellValue(const std::vector<unsigned long>& indexes, const unsigned int& column,
                                const std::string& newValue) {
   std::lock_guard lock(agentLock());
   const FieldType* field = writableCell(indexes, column);
@@ -593,7 +593,7 @@ bool DynMibTable::setCellValue(const std::vector<unsigned long>& indexes, const 
          storeCell(indexes, column, ValueCodec::of(field->type)->fromText(newValue, converted), converted);
 }
 
-const FieldType* DynMibTable::writableCell(const RowIdx& indexes, unsigned int column) {
+ZELTA_COLD const FieldType* DynMibTable::writableCell(const RowIdx& indexes, unsigned int column) {
   const FieldType* field = nullptr;
   if (definition != nullptr && table().getRows().count(indexes) != 0) {
     auto found = definition->fields.find(column);
@@ -603,7 +603,7 @@ const FieldType* DynMibTable::writableCell(const RowIdx& indexes, unsigned int c
   return field;
 }
 
-bool DynMibTable::storeCell(const RowIdx& indexes, unsigned int column, bool converted, const Variant& cell) {
+ZELTA_COLD bool DynMibTable::storeCell(const RowIdx& indexes, unsigned int column, bool converted, const Variant& cell) {
   // A value the cell cannot take (a number for a string column, a text that
   // is no address) leaves it as it was.
   if (converted && table().setCellValue(indexes, column, cell)) return true;
@@ -618,17 +618,17 @@ int DynMibTable::getRowStatus(const std::vector<unsigned long>& indexes) {
 
 int DynMibTable::getRowStatus(const std::string& index) { return getRowStatus(convertToIndexOids(index)); }
 
-std::string DynMibTable::convertToOidx(const std::vector<unsigned long>& indexes) const {
+ZELTA_COLD std::string DynMibTable::convertToOidx(const std::vector<unsigned long>& indexes) const {
   return internal::oidToText(indexes.data(), indexes.size());
 }
 
-std::vector<unsigned long> DynMibTable::convertToIndexOids(const std::string& text) const {
+ZELTA_COLD std::vector<unsigned long> DynMibTable::convertToIndexOids(const std::string& text) const {
   std::vector<unsigned long> parts;
   if (!internal::parseOid(text, parts)) parts.clear();
   return parts;
 }
 
-bool DynMibTable::findCellCoords(const std::string& text, std::vector<unsigned long>& indexes, int& column) {
+ZELTA_COLD bool DynMibTable::findCellCoords(const std::string& text, std::vector<unsigned long>& indexes, int& column) {
   std::vector<unsigned long> parts = convertToIndexOids(text);
   std::lock_guard lock(agentLock());
   const auto& rows = table().getRows();
@@ -643,7 +643,7 @@ bool DynMibTable::findCellCoords(const std::string& text, std::vector<unsigned l
   return false;
 }
 
-bool DynMibTable::isNewRowCreationRequest(const std::string& text, std::vector<unsigned long>& indexes) {
+ZELTA_COLD bool DynMibTable::isNewRowCreationRequest(const std::string& text, std::vector<unsigned long>& indexes) {
   std::vector<unsigned long> parts = convertToIndexOids(text);
   const std::vector<unsigned long> entry = oidParts();
   size_t length = entry.size();
@@ -653,7 +653,7 @@ bool DynMibTable::isNewRowCreationRequest(const std::string& text, std::vector<u
   return true;
 }
 
-void DynMibTable::refreshDataOnCreateRow(const std::vector<unsigned long>& indexes) {
+ZELTA_COLD void DynMibTable::refreshDataOnCreateRow(const std::vector<unsigned long>& indexes) {
   std::lock_guard lock(agentLock());
   const auto& rows = table().getRows();
   auto it = rows.find(indexes);
@@ -670,28 +670,28 @@ void DynMibTable::setAccess(mib_access mode) { storeAccess(mode); }
 
 // ---- Row events
 
-void DynMibTable::notify(const char* reason, const RowIdx& indexes, int actionCode, int column) {
+ZELTA_COLD void DynMibTable::notify(const char* reason, const RowIdx& indexes, int actionCode, int column) {
   // Without a listener nobody would free the ExtraInfo.
   if (value->getListener() == nullptr) return;
   value->notifyListener(reason, new ExtraInfo(indexes, actionCode, column));
 }
 
-void DynMibTable::row_added(const RowIdx& indexes) { notify("new row created", indexes, 1, -1); }
+ZELTA_COLD void DynMibTable::row_added(const RowIdx& indexes) { notify("new row created", indexes, 1, -1); }
 
-void DynMibTable::row_activated(const RowIdx& indexes) {
+ZELTA_COLD void DynMibTable::row_activated(const RowIdx& indexes) {
   if (table().isRowActive(indexes)) return;
   table().setRowStatus(indexes, true);
   notify("new row activated", indexes, 3, -1);
 }
 
-void DynMibTable::row_deactivated(const RowIdx& indexes) {
+ZELTA_COLD void DynMibTable::row_deactivated(const RowIdx& indexes) {
   if (!table().isRowActive(indexes)) return;
   notify("new row deactivated", indexes, 4, -1);
   // The listener may have removed the row meanwhile (then this does nothing).
   table().setRowStatus(indexes, false);
 }
 
-void DynMibTable::row_delete(const RowIdx& indexes) {
+ZELTA_COLD void DynMibTable::row_delete(const RowIdx& indexes) {
   Table& rows = table();
   if (rows.getRows().count(indexes) == 0) return;
   if (rows.isRowActive(indexes)) notify("new row deactivated", indexes, 4, -1);
@@ -701,7 +701,7 @@ void DynMibTable::row_delete(const RowIdx& indexes) {
 
 // ---- Registration
 
-bool DynMibTable::registerEntry() {
+ZELTA_COLD bool DynMibTable::registerEntry() {
   if (isRegistered()) return true;
   const std::vector<unsigned long> entry = oidParts();
   if (entry.size() < 2 || entry.back() != 1) {
@@ -721,13 +721,15 @@ bool DynMibTable::registerEntry() {
   // On failure Net-SNMP frees the registration itself.
   if (netsnmp_register_handler(reg) != MIB_REGISTERED_OK) return false;
   registration = reg;
+  setRegistered(true);
   return true;
 }
 
-void DynMibTable::unregisterEntry() {
+ZELTA_COLD void DynMibTable::unregisterEntry() {
   if (registration == nullptr) return;
   netsnmp_unregister_handler(registration);
   registration = nullptr;
+  setRegistered(false);
 }
 
 }  // namespace Quorvel::Kvan::SNMP

@@ -127,7 +127,7 @@ bool MibLeaf::get_request(netsnmp_agent_request_info_s* reqinfo, netsnmp_request
 // all of them; a leaf alone has nothing to register.
 bool MibLeaf::registerEntry() { return false; }
 
-void MibLeaf::unregisterEntry() { registration = nullptr; }
+void MibLeaf::unregisterEntry() { setRegistered(false); }
 
 // ---- The seven leaves: a value type and its bounds.
 

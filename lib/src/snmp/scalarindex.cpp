@@ -110,18 +110,22 @@ MibLeaf* ScalarIndex::find(const unsigned long* name, size_t length) const {
   // Exact lookups go through the hash table: with many scalars a binary
   // search would wait on memory at each of its steps.
   const uint64_t h = hash(name, length);
+  const auto tag = static_cast<uint32_t>(h >> 32);
   for (size_t i = h & (slots.size() - 1);; i = (i + 1) & (slots.size() - 1)) {
     const Slot& slot = slots[i];
-    if (slot.leaf == nullptr) return nullptr;
-    if (slot.hash == h && compare(*slot.leaf, name, length) == 0) return slot.leaf;
+    if (slot.position == 0) return nullptr;
+    if (slot.tag == tag) {
+      MibLeaf* leaf = leaves[slot.position - 1];
+      if (compare(*leaf, name, length) == 0) return leaf;
+    }
   }
 }
 
 void ScalarIndex::prefetch(netsnmp_request_info* requests) const {
   if (slots.empty()) return;
   // A GET of many scalars of a large index would wait on memory for each:
-  // their slots are asked for first, then, in a second pass, the leaves and
-  // the values the slots name.
+  // their slots are asked for first, then, pass by pass, the places in the
+  // list they name, the leaves and their values.
   const size_t mask = slots.size() - 1;
   size_t count = 0;
   size_t at[64];
@@ -129,25 +133,26 @@ void ScalarIndex::prefetch(netsnmp_request_info* requests) const {
     at[count] = hash(r->requestvb->name, r->requestvb->name_length) & mask;
     __builtin_prefetch(&slots[at[count++]]);
   }
-  for (size_t i = 0; i < count; ++i) __builtin_prefetch(slots[at[i]].leaf);
-  for (size_t i = 0; i < count; ++i) {
-    if (const MibLeaf* leaf = slots[at[i]].leaf) {
-      leaf->prefetchValue();
-    }
-  }
+  for (size_t i = 0; i < count; ++i)
+    if (slots[at[i]].position != 0) __builtin_prefetch(&leaves[slots[at[i]].position - 1]);
+  for (size_t i = 0; i < count; ++i)
+    if (slots[at[i]].position != 0) __builtin_prefetch(leaves[slots[at[i]].position - 1]);
+  for (size_t i = 0; i < count; ++i)
+    if (slots[at[i]].position != 0) leaves[slots[at[i]].position - 1]->prefetchValue();
 }
 
 void ScalarIndex::rehash() {
   // At least a fifth of the slots stay free: linear probes stay short, and
-  // the table costs 16 bytes per leaf or a little more.
+  // the table costs 8 bytes per leaf or a little more.
   size_t capacity = 16;
   while (capacity * 4 < leaves.size() * 5) capacity *= 2;
   slots.assign(capacity, Slot());
-  for (MibLeaf* leaf : leaves) {
+  for (size_t position = 0; position < leaves.size(); ++position) {
+    const MibLeaf* leaf = leaves[position];
     const uint64_t h = hash(leaf->oidData(), leaf->oidLength());
     size_t i = h & (capacity - 1);
-    while (slots[i].leaf != nullptr) i = (i + 1) & (capacity - 1);
-    slots[i] = Slot{h, leaf};
+    while (slots[i].position != 0) i = (i + 1) & (capacity - 1);
+    slots[i] = Slot{static_cast<uint32_t>(h >> 32), static_cast<uint32_t>(position + 1)};
   }
 }
 
@@ -250,10 +255,6 @@ struct Record {
   }
 };
 
-// Marks a leaf served through the index (a leaf only needs to know that it
-// is registered).
-netsnmp_handler_registration indexedMark{};
-
 }  // namespace
 
 ZELTA_COLD void ScalarIndex::build(const std::vector<MibLeaf*>& candidates, std::vector<size_t>& refused) {
@@ -279,13 +280,13 @@ ZELTA_COLD void ScalarIndex::build(const std::vector<MibLeaf*>& candidates, std:
     record.leaf = leaf;
     std::copy(leaf->oidData(), leaf->oidData() + std::min<size_t>(length, Record::kInline), record.sub);
     records.push_back(record);
-    leaf->registration = &indexedMark;
+    leaf->registered = true;
   }
   // In OID order; of two leaves on one OID the earlier one is published.
   std::sort(records.begin(), records.end(),
             [](const Record& a, const Record& b) { return a.before(b) || (!b.before(a) && a.position < b.position); });
   auto refuse = [&](const Record& record) {
-    record.leaf->registration = nullptr;
+    record.leaf->registered = false;
     refused.push_back(record.position);
   };
   size_t kept = 0;
@@ -351,7 +352,7 @@ ZELTA_COLD void ScalarIndex::build(const std::vector<MibLeaf*>& candidates, std:
 }
 
 void ScalarIndex::clear() {
-  for (MibLeaf* leaf : leaves) leaf->registration = nullptr;
+  for (MibLeaf* leaf : leaves) leaf->registered = false;
   leaves.clear();
   slots.clear();
   for (netsnmp_handler_registration* reg : roots) netsnmp_unregister_handler(reg);

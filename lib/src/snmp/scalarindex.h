@@ -66,9 +66,11 @@ class ScalarIndex {
   void getNext(netsnmp_agent_request_info_s* reqinfo, netsnmp_request_info_s* request) const;
 
   // An open-addressing table of the leaves by OID, for exact lookups.
+  // 8 bytes: the hash's upper half, to skip most other leaves without
+  // reading them, and the leaf's position in `leaves` plus one (0: empty).
   struct Slot {
-    uint64_t hash = 0;
-    MibLeaf* leaf = nullptr;
+    uint32_t tag = 0;
+    uint32_t position = 0;
   };
   // Of a request's name, and of a leaf's OID in place: the same value.
   template <class SubId>

@@ -120,7 +120,7 @@ int SnmpCodec::checkSet(const ::variable_list& vb, const Bounds& bounds, SnmpVal
       if (!isOctets(vb)) return SNMP_ERR_WRONGTYPE;
       // Longer values cannot be converted; refused rather than read as "ERROR".
       if (vb.val_len > internal::kMaxStringLen) return SNMP_ERR_WRONGLENGTH;
-      if (bounds.set && (vb.val_len < bounds.min || vb.val_len > bounds.max)) return SNMP_ERR_WRONGLENGTH;
+      if (!lengthFits(vb.val_len, bounds)) return SNMP_ERR_WRONGLENGTH;
       out.bytes = vbxToString(vb);
       return SNMP_ERR_NOERROR;
     case LOGADDRMAIN:
@@ -132,11 +132,6 @@ int SnmpCodec::checkSet(const ::variable_list& vb, const Bounds& bounds, SnmpVal
     default:
       return SNMP_ERR_NOTWRITABLE;
   }
-}
-
-bool SnmpCodec::inRange(const SnmpValue& value, const Bounds& bounds) const {
-  return type() != INTEGER || !bounds.set ||
-         (value.num >= static_cast<int32_t>(bounds.min) && value.num <= static_cast<int32_t>(bounds.max));
 }
 
 std::string_view SnmpCodec::bindingBytes(const SnmpValue& value) const {

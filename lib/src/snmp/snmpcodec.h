@@ -47,7 +47,8 @@ class SnmpCodec : public ValueCodec {
   // wrongType / wrongLength. On success `out` holds the value.
   int checkSet(const ::variable_list& vb, const Bounds& bounds, SnmpValue& out) const;
   // An INTEGER's value bounds (other types always pass).
-  bool inRange(const SnmpValue& value, const Bounds& bounds) const;
+  using ValueCodec::inRange;
+  bool inRange(const SnmpValue& value, const Bounds& bounds) const { return inRange(value.num, bounds); }
   // The bytes of `value` as a binding of this type holds them: a number as
   // a long, the rest as they are.
   std::string_view bindingBytes(const SnmpValue& value) const;

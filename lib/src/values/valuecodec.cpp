@@ -5,6 +5,8 @@
 #include <arpa/inet.h>
 
 #include <algorithm>
+#include <charconv>
+#include <cstdint>
 #include <cstring>
 
 #include "base/filetext.h"
@@ -119,6 +121,53 @@ Variant ValueCodec::parseFileValue(std::string_view text, bool cell) const {
     }
     default:
       return Variant();
+  }
+}
+
+// ---- Checks
+
+bool ValueCodec::inRange(long value, const Bounds& bounds) const {
+  return type_ != INTEGER || !bounds.set ||
+         (value >= static_cast<int32_t>(bounds.min) && value <= static_cast<int32_t>(bounds.max));
+}
+
+bool ValueCodec::lengthFits(size_t length, const Bounds& bounds) const {
+  return type_ != STRING || !bounds.set || (length >= bounds.min && length <= bounds.max);
+}
+
+bool ValueCodec::parseCheckedFileValue(std::string_view text, Variant& out) const {
+  switch (type_) {
+    case INTEGER:
+    case TIMETICKS: {
+      int64_t number = 0;
+      const char* end = text.data() + text.size();
+      const auto [stop, error] = std::from_chars(text.data(), end, number);
+      if (text.empty() || error != std::errc() || stop != end) return false;
+      if (type_ == INTEGER) {
+        if (number < INT32_MIN || number > INT32_MAX) return false;
+        out = Variant(static_cast<long>(number));
+      } else {
+        if (number < INT32_MIN || number > UINT32_MAX) return false;
+        out = Variant(TimeTicksValue{static_cast<uint32_t>(number)});
+      }
+      return true;
+    }
+    case IPADDRESS:
+      return fromText(std::string(text), out);
+    case STRING:
+    case LOGADDRMAIN: {
+      const char* error = nullptr;
+      const std::string bytes = Common::decodeQuoted(text, error);
+      // One quoted text, nothing after its closing quote.
+      if (error != nullptr || text.find('"', 1) != text.size() - 1) return false;
+      if (type_ == STRING) {
+        out = Variant(bytes);
+        return true;
+      }
+      return bytes.size() == 8 && addressFromText(bytes, out);
+    }
+    default:
+      return false;
   }
 }
 

@@ -71,6 +71,19 @@ class ValueCodec {
   // is no valid 8-byte text.
   Variant parseFileValue(std::string_view text, bool cell) const;
 
+  // ---- Checks
+  // The checks of a value that are not SNMP's own: a SET, a checked load and
+  // an import ask the same. An INTEGER's value bounds (other types pass).
+  bool inRange(long value, const Bounds& bounds) const;
+  // A STRING's length bounds (other types pass).
+  bool lengthFits(size_t length, const Bounds& bounds) const;
+  // The value text of a triplet read as strictly as a SET value is taken: a
+  // decimal number that fits the type's 32 bits (TimeTicks also as the
+  // negative text of a count of 2^31 or more), a quoted text that decodes,
+  // a dotted IPv4 address, a logical address of exactly 8 bytes. False when
+  // the text is no value of this type.
+  bool parseCheckedFileValue(std::string_view text, Variant& out) const;
+
   // ---- Host values
   // A value of this type from a number or a text the host hands over for a
   // table cell (the text of a logical address is its up to 8 characters).
