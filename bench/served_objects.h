@@ -15,7 +15,7 @@
 #include <string>
 #include <thread>
 
-#include "../lib/src/snmp/agentengine.h"
+#include "snmp/agentengine.h"
 #include "zelta/mibtypes.h"
 #include "zelta/tabledef.h"
 

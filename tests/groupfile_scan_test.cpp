@@ -12,7 +12,7 @@
 #include <tuple>
 #include <vector>
 
-#include "../lib/src/base/filetext.h"
+#include "base/filetext.h"
 #include "scan_oracle.h"
 #include "test_util.h"
 

@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "../lib/src/base/ratelimit.h"
+#include "base/ratelimit.h"
 
 using namespace Quorvel::Kvan;
 using namespace testing::internal;

@@ -9,7 +9,7 @@
 #include <cstdlib>
 #include <string>
 
-#include "../lib/src/params/groupfile.h"
+#include "params/groupfile.h"
 
 namespace zelta_test {
 

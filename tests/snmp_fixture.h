@@ -1,6 +1,8 @@
 // Test fixture for the SNMP agent: an engine on a free loopback port (or behind
 // Debian's snmpd as AgentX master) served by a thread of the test's own, and the
-// Net-SNMP command-line tools under a time limit.
+// Net-SNMP command-line tools under a time limit. The engine and the library
+// lock are internals: a test that links libzelta.so alone (not zelta-internal)
+// gets the tools and the SNMPAgent helpers only.
 #ifndef ZELTA_TESTS_SNMP_FIXTURE_H_
 #define ZELTA_TESTS_SNMP_FIXTURE_H_
 
@@ -19,7 +21,6 @@
 #include <thread>
 #include <vector>
 
-#include "../lib/src/snmp/agentengine.h"
 #include "loopback.h"
 #include "snmpd_master.h"
 #include "test_util.h"
@@ -27,6 +28,9 @@
 #include "zelta/parammanager.h"
 #include "zelta/snmpagent.h"
 #include "zelta/tabledef.h"
+#ifdef ZELTA_LINKS_INTERNALS
+#include "snmp/agentengine.h"
+#endif
 
 namespace zelta_test {
 
@@ -45,7 +49,9 @@ inline ToolResult runTool(const std::vector<std::string>& args) {
   static const TempDir stateDir;
   // Requests reach the agent through the kernel, which ThreadSanitizer does
   // not see; taking the agent lock before and after orders them.
+#ifdef ZELTA_LINKS_INTERNALS
   { std::lock_guard<std::recursive_mutex> before(agentLock()); }
+#endif
   const std::string state = "'" + stateDir.path() + "'";
   std::string command = "MIBS= SNMPCONFPATH=" + state + " SNMP_PERSISTENT_DIR=" + state + " timeout 10";
   for (const std::string& a : args) command += " '" + Common::replace(a, "'", "'\\''") + "'";
@@ -56,7 +62,9 @@ inline ToolResult runTool(const std::vector<std::string>& args) {
     const int status = pclose(pipe);
     if (WIFEXITED(status)) result.exitCode = WEXITSTATUS(status);
   }
+#ifdef ZELTA_LINKS_INTERNALS
   { std::lock_guard<std::recursive_mutex> after(agentLock()); }
+#endif
   return result;
 }
 
@@ -98,6 +106,7 @@ class Routed : public Base, public testing::WithParamInterface<Route> {
   Routed() { this->route = this->GetParam(); }
 };
 
+#ifdef ZELTA_LINKS_INTERNALS
 // An engine with the test's entries, on 127.0.0.1 or behind a master started
 // for the test, served by a thread until TearDown.
 class AgentTest : public ::testing::Test {
@@ -187,6 +196,7 @@ class AgentTest : public ::testing::Test {
   std::atomic<bool> stopFlag{false};
   int port = 0;
 };
+#endif  // ZELTA_LINKS_INTERNALS
 
 // A device's parameters under .1.3.6.1.4.1.99999.7: a ranged integer, a
 // string, a read-only value, an unpublished one and a routing table whose

@@ -328,7 +328,7 @@ TEST(LoggingThreads, FilteredCallsTakeNoLockWhileLevelsChange) {
   LogChannel& channel = Log["libzelta"];
   const EventType old = channel.level;
   channel.level = WARNING;
-  pthread_mutex_lock(&channel.mutex);  // as if another thread were writing a line
+  channel.mutex.lock();  // as if another thread were writing a line
   std::atomic<bool> stop{false};
   std::atomic<int> filtered{0};
   std::thread logger([&] {
@@ -340,7 +340,7 @@ TEST(LoggingThreads, FilteredCallsTakeNoLockWhileLevelsChange) {
   const bool progressed = waitFor([&] { return filtered > 1000; }, milliseconds(10000));
   stop = true;
   changer.join();
-  pthread_mutex_unlock(&channel.mutex);
+  channel.mutex.unlock();
   logger.join();
   channel.level = old;
   EXPECT_TRUE(progressed) << filtered << " filtered calls got through";

@@ -12,10 +12,9 @@
 #ifndef ZELTA_LOGGING_H_
 #define ZELTA_LOGGING_H_
 
-#include <pthread.h>
-
 #include <atomic>
 #include <map>
+#include <mutex>
 #include <string>
 
 #include "zelta/export.h"
@@ -42,7 +41,8 @@ class ZELTA_EXPORT LogChannel {
   // Read without a lock by every append(); atomic so that the host may change
   // it while other threads log.
   std::atomic<EventType> level;
-  pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
+  // Keeps the channel's lines whole; held only while one line is written.
+  std::mutex mutex;
 };
 
 // The registry of channels, ordered by name.

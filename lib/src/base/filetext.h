@@ -11,19 +11,16 @@
 #include <string>
 #include <string_view>
 
-#include "zelta/export.h"
-
 namespace Quorvel::Kvan::Common {
 
 // `stream >> int` (and `>> long` where long has 32 bits): leading white space
 // skipped, an optional sign, decimal digits up to the first other character;
 // no digits give 0, and a value out of range gives INT32_MAX or INT32_MIN.
-// Exported for the tests only.
-ZELTA_EXPORT int32_t parseSigned32(const char* text, size_t length);
+int32_t parseSigned32(const char* text, size_t length);
 // `stream >> unsigned long` with a 32-bit unsigned long: the same, except
 // that a minus sign negates modulo 2^32 ("-1" gives 4294967295) and a
 // magnitude above 2^32-1 gives 4294967295.
-ZELTA_EXPORT uint32_t parseUnsigned32(const char* text, size_t length);
+uint32_t parseUnsigned32(const char* text, size_t length);
 
 // Appends the decimal text of `number`.
 template <class T>

@@ -42,7 +42,7 @@ LogChannel::LogChannel(const std::string& channelName, EventType channelLevel)
 std::string LogChannel::append(EventType msgLevel, const char* format, ...) {
   if (msgLevel > level.load(std::memory_order_relaxed)) return std::string();
 
-  pthread_mutex_lock(&mutex);
+  mutex.lock();
   timeval tv{};
   gettimeofday(&tv, nullptr);
   tm local{};
@@ -64,7 +64,7 @@ std::string LogChannel::append(EventType msgLevel, const char* format, ...) {
            message);
 #pragma GCC diagnostic pop
   fputs(line, msgLevel == DEBUG ? stdout : stderr);
-  pthread_mutex_unlock(&mutex);
+  mutex.unlock();
   return std::string(line);
 }
 

@@ -10,15 +10,12 @@
 #include <string>
 #include <vector>
 
-#include "zelta/export.h"
-
 namespace Quorvel::Kvan {
 
 // Lets the first few lines of each kind through in every window and counts
 // the rest; when a window with suppressed lines ends, one summary per kind is
-// due. The first line of a kind is never suppressed. Exported for the tests
-// only.
-class ZELTA_EXPORT LogRateLimiter {
+// due. The first line of a kind is never suppressed.
+class LogRateLimiter {
  public:
   using Clock = std::chrono::steady_clock;
 

@@ -28,7 +28,6 @@
 #include <utility>
 #include <vector>
 
-#include "zelta/export.h"
 #include "zelta/param.h"
 #include "zelta/tabledef.h"
 
@@ -41,9 +40,9 @@ namespace groupfile {
 // The line pattern "key = value", the key being letters, digits and dots,
 // and the triplet pattern "column:type:value", the value being a run without
 // blanks and quotes or a quoted text without quotes. ParamManager compiles
-// them with REG_EXTENDED | REG_NEWLINE. Exported for the tests only.
-ZELTA_EXPORT extern const char kLinePattern[];
-ZELTA_EXPORT extern const char kTripletPattern[];
+// them with REG_EXTENDED | REG_NEWLINE.
+extern const char kLinePattern[];
+extern const char kTripletPattern[];
 
 // What the scanner makes of a text.
 enum class Scan {
@@ -53,10 +52,10 @@ enum class Scan {
 };
 
 // As regexec with the line pattern (4 match slots) on the text up to its
-// first NUL byte. Exported for the tests only.
-ZELTA_EXPORT Scan scanLine(const char* text, size_t length, regmatch_t (&match)[4]);
+// first NUL byte.
+Scan scanLine(const char* text, size_t length, regmatch_t (&match)[4]);
 // As regexec with the triplet pattern (4 match slots).
-ZELTA_EXPORT Scan scanTriplet(const char* text, size_t length, regmatch_t (&match)[4]);
+Scan scanTriplet(const char* text, size_t length, regmatch_t (&match)[4]);
 // The same on a text already judged: no NUL, no line end and no byte of 0x80
 // or above in its `length` bytes.
 Scan scanJudgedLine(const unsigned char* text, size_t length, regmatch_t (&match)[4]);

@@ -15,8 +15,6 @@
 #include <string>
 #include <vector>
 
-#include "zelta/export.h"
-
 namespace Quorvel::Kvan::SNMP {
 
 class MibEntry;
@@ -72,8 +70,8 @@ struct AgentConfig {
   bool isSubagent() const { return !agentxMaster.empty(); }
 };
 
-// Exported for the tests only; not part of the public headers.
-class ZELTA_EXPORT AgentEngine {
+// Runs Net-SNMP's agent: set-up, one turn of the request loop, shut-down.
+class AgentEngine {
  public:
   AgentEngine();
   // Shuts the agent down if it is still initialised.
@@ -130,7 +128,7 @@ class ZELTA_EXPORT AgentEngine {
 // inside request processing may call back into the library. It is the
 // library's one lock (libraryLock()), so parameters and the agent never
 // wait for each other in two orders.
-ZELTA_EXPORT std::recursive_mutex& agentLock();
+std::recursive_mutex& agentLock();
 
 }  // namespace Quorvel::Kvan::SNMP
 
