@@ -6,6 +6,8 @@
 #include <memory>
 #include <string>
 
+#include "zelta/addresses.h"
+
 using namespace Quorvel::Kvan;
 
 namespace {

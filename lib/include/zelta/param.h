@@ -36,9 +36,6 @@
 namespace Quorvel::Kvan {
 
 class ParamGroup;
-namespace groupfile {
-struct Access;
-}
 
 // Whether changes of a parameter are written to its group's file.
 enum ParamSavePolicy : int {
@@ -152,29 +149,22 @@ class ZELTA_EXPORT Param : public IChangeListener {
   // The value's own lines, appended to `out` (nothing for NEVER_SAVE).
   void appendValueText(std::string& out);
 
+  // What only the library does with a parameter (the file reader's silent
+  // loads, the lines a checked load refused, the hooks of a reset or an
+  // import); defined with the library's sources, of no use to a host.
+  struct Internal;
+
  private:
-  friend struct groupfile::Access;
+  // What only hosts that keep settings across versions use (former names,
+  // lines a checked load refused), made on first use so that other
+  // parameters stay small.
+  struct Lineage;
 
   ZELTA_LOCAL void fillValue(const Variant& initial);
   ZELTA_LOCAL void fillWithDefaultValue();
+  // Gives a published parameter the object that serves it over SNMP.
   ZELTA_LOCAL void fillSnmpInfo();
   ZELTA_LOCAL void appendTableText(std::string& out);
-  // A single value read from the group file: stored silently. False when it
-  // is of another kind than the value held. REQUIRES: library lock held.
-  ZELTA_LOCAL bool loadScalar(Variant&& loaded);
-  // A table row the file reader has written into the Table: active at once
-  // (an agent serves it from there), with no notice.
-  ZELTA_LOCAL void publishRow(const RowIdx& index);
-  // The value changed: lines a checked load refused are written no more.
-  // REQUIRES: library lock held.
-  ZELTA_LOCAL void forgetHeldLines_nolock();
-
-  // What only hosts that keep settings across versions use, made on first
-  // use so that other parameters stay small.
-  struct Lineage {
-    std::vector<FormerName> formerNames;
-    std::string heldLines;  // lines a checked load refused, each ending in "\n"
-  };
 
   std::string name;
   std::function<bool(const Variant&, const ExtraInfo*)> validator;
@@ -263,6 +253,10 @@ class ZELTA_EXPORT ParamGroup {
   // True while an auto-save countdown or its save runs.
   bool isWorkerRunning() const { return workerRunning.load(); }
 
+  // What only the library changes (the groups' foreign lines); defined with
+  // the library's sources, of no use to a host.
+  struct Internal;
+
  private:
   friend class Param;
 
@@ -285,8 +279,6 @@ class ZELTA_EXPORT ParamGroup {
   bool keepForeign = false;
   bool checkedLoading = false;
   std::string foreignLines;  // under the library lock
-
-  friend struct groupfile::Access;
 };
 
 }  // namespace Quorvel::Kvan

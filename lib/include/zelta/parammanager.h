@@ -14,9 +14,8 @@
 #ifndef ZELTA_PARAMMANAGER_H_
 #define ZELTA_PARAMMANAGER_H_
 
-#include <regex.h>
-
 #include <cstddef>
+#include <memory>
 #include <set>
 #include <string>
 #include <unordered_map>
@@ -117,10 +116,12 @@ class ZELTA_EXPORT ParamManager {
   ZELTA_LOCAL void loadGroups(const std::vector<ParamGroup*>& which);
   ZELTA_LOCAL std::vector<ParamGroup*> chosen(const std::vector<ParamGroup*>& which) const;
 
+  // The two compiled patterns of the group-file lines.
+  struct Patterns;
+
   std::set<ParamGroup*> groups;
   std::unordered_map<std::string, Param*> params;
-  regex_t cfgRe;
-  regex_t trpRe;
+  std::unique_ptr<Patterns> patterns;
   bool checkedLoading = false;
 };
 

@@ -13,7 +13,6 @@
 #include <string>
 #include <vector>
 
-#include "zelta/common.h"
 #include "zelta/export.h"
 
 namespace Quorvel::Kvan {

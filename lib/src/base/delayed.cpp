@@ -1,7 +1,10 @@
 // DelayedExecution: a debounce worker counting down in one-second ticks.
+#include "zelta/delayed.h"
+
 #include <unistd.h>
 
-#include "zelta/common.h"
+#include <thread>
+
 #include "zelta/logging.h"
 
 namespace Quorvel::Kvan::Common {

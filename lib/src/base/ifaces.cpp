@@ -8,7 +8,7 @@
 #include <cstring>
 
 #include "base/trace.h"
-#include "zelta/common.h"
+#include "zelta/addresses.h"
 
 namespace Quorvel::Kvan::Common {
 

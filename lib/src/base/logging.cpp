@@ -8,7 +8,7 @@
 #include <sstream>
 #include <tuple>
 
-#include "zelta/common.h"
+#include "zelta/text.h"
 
 // Lines are cut at 999 characters on purpose.
 #if defined(__GNUC__) && !defined(__clang__)

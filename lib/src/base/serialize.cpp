@@ -4,7 +4,7 @@
 #include <cstring>
 
 #include "base/filetext.h"
-#include "zelta/common.h"
+#include "zelta/encoding.h"
 #include "zelta/logging.h"
 
 namespace Quorvel::Kvan::Common {

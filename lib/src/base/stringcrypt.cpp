@@ -1,7 +1,7 @@
 // Base64 wrappers and whole-string AES-256 encryption (zero padding, ECB).
 #include <climits>
 
-#include "zelta/common.h"
+#include "zelta/encoding.h"
 #include "zelta/crypto.h"
 
 namespace Quorvel::Kvan::Common {

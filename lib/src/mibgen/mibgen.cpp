@@ -24,6 +24,7 @@
 #include "zelta/param.h"
 #include "zelta/parammanager.h"
 #include "zelta/snmpagent.h"
+#include "zelta/text.h"
 
 namespace Quorvel::Kvan::SNMP {
 namespace {

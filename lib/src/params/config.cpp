@@ -30,7 +30,6 @@ namespace Quorvel::Kvan {
 
 namespace {
 
-using groupfile::Access;
 using groupfile::printed;
 using groupfile::shown;
 
@@ -61,10 +60,10 @@ void apply(std::vector<Assignment>& values, std::vector<std::pair<ParamGroup*, s
   {
     LibraryLockGuard lock(libraryMutex());
     for (Assignment& a : values) a.param->setValue(a.value);
-    for (auto& [group, lines] : foreign) Access::setForeignLines(*group, std::move(lines));
+    for (auto& [group, lines] : foreign) ParamGroup::Internal::setForeignLines_nolock(*group, std::move(lines));
     const ExtraInfo info({}, action, -1);
     for (Assignment& a : values)
-      if (a.param->getGroup()->isActive()) Access::runPostSets(*a.param, &info);
+      if (a.param->getGroup()->isActive()) Param::Internal::runPostSets_nolock(*a.param, &info);
   }
   for (ParamGroup* group : groups) group->save();
 }
@@ -355,7 +354,7 @@ bool ParamManager::importConfig(const std::string& text, std::string& error, con
   std::vector<ParamGroup*> known(groups.begin(), groups.end());
   for (ParamGroup* group : which)
     if (groups.count(group) == 0) known.push_back(group);
-  Importer importer(cfgRe, trpRe, params, known, chosen(which));
+  Importer importer(patterns->cfgRe, patterns->trpRe, params, known, chosen(which));
   if (!importer.read(text, error)) {
     Log["libzelta"].append(DEBUG, "ParamManager: import refused: %s\n", error.c_str());
     return false;

@@ -18,6 +18,7 @@
 #include "values/valuecodec.h"
 #include "zelta/logging.h"
 #include "zelta/param.h"
+#include "zelta/text.h"
 
 namespace Quorvel::Kvan::groupfile {
 
@@ -402,14 +403,6 @@ ZELTA_COLD bool checkRowText(LineScanner& scanner, const Param& param, const Row
   return true;
 }
 
-ZELTA_COLD void Access::holdLine(Param& param, std::string_view line) {
-  if (!param.lineage) param.lineage = std::make_unique<Param::Lineage>();
-  std::string& held = param.lineage->heldLines;
-  if (param.getType() != TABLE) held.clear();
-  held.append(line);
-  held += '\n';
-}
-
 // ---- Reading
 
 GroupFileReader::GroupFileReader(const regex_t& line, const regex_t& triplet,
@@ -463,7 +456,7 @@ void GroupFileReader::load(const std::string& file, ParamGroup* owner) {
   LibraryLockGuard lock(libraryMutex());
   // A last line without a line end counts too.
   if (reading && !pending.empty()) applyLine(pending.data(), pending.size());
-  if (foreign != nullptr) Access::setForeignLines(*owner, std::move(kept));
+  if (foreign != nullptr) ParamGroup::Internal::setForeignLines_nolock(*owner, std::move(kept));
   foreign = nullptr;
   close(fd);
 }
@@ -542,7 +535,7 @@ void GroupFileReader::applyEntry(Param* param, const Param::FormerName* former, 
   if (checkAll || param->getGroup()->isCheckedLoading()) {
     // What this load refuses replaces what an earlier one held: a table's
     // refused lines would pile up otherwise.
-    if (reheld.insert(param).second) Access::forgetHeldLines(*param);
+    if (reheld.insert(param).second) Param::Internal::forgetHeldLines_nolock(*param);
     applyChecked(param, former, key, value, line);
   } else if (param->getType() == TABLE) {
     if (!setTableRow(value, param, former != nullptr ? &former->columns : nullptr))
@@ -559,7 +552,7 @@ ZELTA_COLD void GroupFileReader::applyChecked(Param* param, const Param::FormerN
   if (param->getType() != TABLE) {
     Variant loaded;
     taken = checkScalarText(scanner, *param, value, ACTION_LOADED, loaded, why) &&
-            Access::loadScalar(*param, std::move(loaded));
+            Param::Internal::loadScalar_nolock(*param, std::move(loaded));
   } else {
     // The row changes only when the whole line is good.
     Table* table = param->getValue().getMutableTable();
@@ -573,13 +566,13 @@ ZELTA_COLD void GroupFileReader::applyChecked(Param* param, const Param::FormerN
       bool created = false;
       TableRow& stored = table->openRow(index, created);
       stored = std::move(row);
-      Access::publishRow(*param, index);
+      Param::Internal::publishRow_nolock(*param, index);
     }
   }
   if (taken) return;
   log.append(WARNING, "ParamManager: - refused %s = %s in '%s': %s; the line stays until the value changes\n",
              shown(key).c_str(), shown(value).c_str(), path.c_str(), why.c_str());
-  Access::holdLine(*param, line);
+  Param::Internal::holdLine_nolock(*param, line);
 }
 
 bool GroupFileReader::setScalar(std::string_view value, Param* param) {
@@ -603,7 +596,7 @@ bool GroupFileReader::setScalar(std::string_view value, Param* param) {
     return true;
   }
   Variant loaded = codec->parseFileValue(text, false);
-  return loaded.getType() != VariantType::UNDEFINED && Access::loadScalar(*param, std::move(loaded));
+  return loaded.getType() != VariantType::UNDEFINED && Param::Internal::loadScalar_nolock(*param, std::move(loaded));
 }
 
 bool GroupFileReader::setTableRow(std::string_view value, Param* param,
@@ -622,7 +615,7 @@ bool GroupFileReader::setTableRow(std::string_view value, Param* param,
   if (created) table->completeRow(row);
   // A loaded row is active at once, also one an SNMP manager had not
   // activated, and nobody is told.
-  if (read) Access::publishRow(*param, index);
+  if (read) Param::Internal::publishRow_nolock(*param, index);
   return read;
 }
 

@@ -28,12 +28,22 @@
 #include <utility>
 #include <vector>
 
+#include "base/liblock.h"
 #include "zelta/param.h"
+#include "zelta/parammanager.h"
 #include "zelta/tabledef.h"
 
 namespace Quorvel::Kvan {
 
 class LogChannel;
+
+// The line and triplet patterns as a manager compiles them (in its
+// constructor, with REG_EXTENDED | REG_NEWLINE); lines the scanner cannot
+// judge go to them.
+struct ParamManager::Patterns {
+  regex_t cfgRe;
+  regex_t trpRe;
+};
 
 namespace groupfile {
 
@@ -170,20 +180,45 @@ class GroupFileReader {
   std::unordered_set<const Param*> reheld;               // checked parameters whose held lines this load replaced
 };
 
-// The way of the reader and of configuration changes into what Param and
-// ParamGroup keep for them alone. REQUIRES: library lock held.
-struct Access {
-  static bool loadScalar(Param& param, Variant&& value) { return param.loadScalar(std::move(value)); }
-  static void publishRow(Param& param, const RowIdx& index) { param.publishRow(index); }
+}  // namespace groupfile
+
+struct Param::Lineage {
+  std::vector<FormerName> formerNames;
+  std::string heldLines;  // lines a checked load refused, each ending in "\n"
+};
+
+// What only the library does with a parameter: the file reader's silent
+// loads and the lines it holds, the hooks of a reset or an import. Each
+// function expects the library lock held.
+struct ZELTA_LOCAL Param::Internal {
+  // A single value read from the group file: stored silently. False when it
+  // is of another kind than the value held.
+  static bool loadScalar_nolock(Param& param, Variant&& loaded) REQUIRES(libraryMutex());
+  // A table row the file reader has written into the Table: active at once
+  // (an agent serves it from there), with no notice.
+  static void publishRow_nolock(Param& param, const RowIdx& index) REQUIRES(libraryMutex()) {
+    param.value.getMutableTable()->setRowStatus(index, true);
+  }
   // Keeps a line a checked load refused, written by saves until the value
   // changes; a single value keeps its last one.
-  static void holdLine(Param& param, std::string_view line);
-  static void forgetHeldLines(Param& param) { param.forgetHeldLines_nolock(); }
-  static void setForeignLines(ParamGroup& group, std::string lines) { group.foreignLines = std::move(lines); }
-  static void runPostSets(Param& param, const ExtraInfo* info) {
+  static void holdLine_nolock(Param& param, std::string_view line) REQUIRES(libraryMutex());
+  // The value changed: lines a checked load refused are written no more.
+  static void forgetHeldLines_nolock(Param& param) REQUIRES(libraryMutex()) {
+    if (param.lineage) param.lineage->heldLines.clear();
+  }
+  static void runPostSets_nolock(Param& param, const ExtraInfo* info) REQUIRES(libraryMutex()) {
     for (auto& hook : param.postSets) hook(param.value, info);
   }
 };
+
+// What only the library changes in a group.
+struct ZELTA_LOCAL ParamGroup::Internal {
+  static void setForeignLines_nolock(ParamGroup& group, std::string lines) REQUIRES(libraryMutex()) {
+    group.foreignLines = std::move(lines);
+  }
+};
+
+namespace groupfile {
 
 // ---- Writing
 

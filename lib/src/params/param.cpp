@@ -1,11 +1,13 @@
 // Param: a named, typed value with hooks, and its SNMP object.
 #include "zelta/param.h"
 
+#include <atomic>
 #include <memory>
 
 #include "base/liblock.h"
 #include "base/trace.h"
 #include "params/groupfile.h"
+#include "params/snmpside.h"
 #include "values/valuecodec.h"
 #include "zelta/logging.h"
 
@@ -45,43 +47,18 @@ void Param::fillWithDefaultValue() {
   value.setListener(this);
 }
 
+namespace {
+
+std::atomic<EntryMaker> registeredMaker{nullptr};
+
+}  // namespace
+
+void setEntryMaker(EntryMaker maker) { registeredMaker.store(maker, std::memory_order_release); }
+
+EntryMaker entryMaker() { return registeredMaker.load(std::memory_order_acquire); }
+
 void Param::fillSnmpInfo() {
-  using namespace SNMP;
-  const bool ranged = range.first != NO_RANGE && range.second != NO_RANGE;
-  std::unique_ptr<MibEntry> entry;
-  switch (type) {
-    case INTEGER:
-      if (ranged) {
-        entry = std::make_unique<MinMaxIntMibLeaf>(snmpInfo, &value, static_cast<int>(range.first),
-                                                   static_cast<int>(range.second));
-      } else {
-        entry = std::make_unique<IntMibLeaf>(snmpInfo, &value);
-      }
-      break;
-    case STRING:
-      if (ranged) {
-        entry = std::make_unique<MinMaxStringMibLeaf>(snmpInfo, &value, static_cast<unsigned int>(range.first),
-                                                      static_cast<unsigned int>(range.second));
-      } else {
-        entry = std::make_unique<StringMibLeaf>(snmpInfo, &value);
-      }
-      break;
-    case IPADDRESS:
-      entry = std::make_unique<IPAddressMibLeaf>(snmpInfo, &value);
-      break;
-    case TIMETICKS:
-      entry = std::make_unique<TimeTicksMibLeaf>(snmpInfo, &value);
-      break;
-    case LOGADDRMAIN:
-      entry = std::make_unique<LogaddrmainMibLeaf>(snmpInfo, &value);
-      break;
-    case TABLE:
-      entry = std::make_unique<DynMibTable>(snmpInfo, &value);
-      break;
-    default:
-      return;
-  }
-  snmpInfo->setEntry(entry.release());
+  if (EntryMaker make = entryMaker()) make(*snmpInfo, value, type, range.first, range.second);
 }
 
 void Param::setName(const std::string& newName) {
@@ -109,7 +86,7 @@ void Param::setValue(const Table& v) { setValue(Variant(v)); }
 
 void Param::setValue(const Variant& v) {
   LibraryLockGuard lock(libraryMutex());
-  forgetHeldLines_nolock();
+  Internal::forgetHeldLines_nolock(*this);
   // A table is copied into the Table object the parameter already holds: a
   // published table's SNMP side keeps pointing at that object.
   if (&v != &value && value.getType() == VariantType::TABLEDEF && v.getType() == VariantType::TABLEDEF) {
@@ -132,10 +109,6 @@ void Param::addFormerName(const std::string& key, const std::map<unsigned int, u
 const std::vector<Param::FormerName>& Param::getFormerNames() const {
   static const std::vector<FormerName> kNone;
   return lineage ? lineage->formerNames : kNone;
-}
-
-void Param::forgetHeldLines_nolock() {
-  if (lineage) lineage->heldLines.clear();
 }
 
 void Param::setValidator(const std::function<bool(const Variant&, const ExtraInfo*)>&& fn) {
@@ -173,7 +146,7 @@ void Param::notifyAll(const std::string& reason, const ExtraInfo* info) {
   // Row creation and deletion alone do not schedule a save: a deletion is
   // preceded by a deactivation, which does.
   const bool savesTable = type != TABLE || (info != nullptr && info->action >= 3 && info->action <= 5);
-  forgetHeldLines_nolock();
+  Internal::forgetHeldLines_nolock(*this);
   if (savePolicy == SAVE_ON_CHANGE && active && savesTable) group->onChange(this, reason, info);
   if (active) {
     for (auto& hook : postSets) hook(value, info);
@@ -189,7 +162,7 @@ bool Param::setTableCellValue(const RowIdx& idx, const unsigned int& column, con
     return false;
   }
   LibraryLockGuard lock(libraryMutex());
-  forgetHeldLines_nolock();
+  Internal::forgetHeldLines_nolock(*this);
   // The table's answer is deliberately not looked at: a refused write still
   // returns true. A published table is served from this very Table.
   value.getMutableTable()->setCellValue(idx, column, v);
@@ -216,17 +189,23 @@ bool Param::getTableCellValue(const RowIdx& idx, const unsigned int& column, Var
   return true;
 }
 
-bool Param::loadScalar(Variant&& loaded) {
-  libraryMutex().assertHeld();
+bool Param::Internal::loadScalar_nolock(Param& param, Variant&& loaded) {
+  Variant& value = param.value;
   // A value of another kind than the one held (a host that gave the
   // constructor a value of another type) is refused, not asserted.
   if (value.getType() != VariantType::UNDEFINED && value.getType() != loaded.getType()) return false;
   value = std::move(loaded);
-  forgetHeldLines_nolock();
+  forgetHeldLines_nolock(param);
   return true;
 }
 
-void Param::publishRow(const RowIdx& index) { value.getMutableTable()->setRowStatus(index, true); }
+void Param::Internal::holdLine_nolock(Param& param, std::string_view line) {
+  if (!param.lineage) param.lineage = std::make_unique<Param::Lineage>();
+  std::string& held = param.lineage->heldLines;
+  if (param.getType() != TABLE) held.clear();
+  held.append(line);
+  held += '\n';
+}
 
 // ---- Group-file text
 

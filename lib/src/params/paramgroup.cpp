@@ -23,6 +23,7 @@
 #include "base/trace.h"
 #include "zelta/logging.h"
 #include "zelta/param.h"
+#include "zelta/text.h"
 
 namespace Quorvel::Kvan {
 

@@ -6,7 +6,9 @@
 
 namespace Quorvel::Kvan {
 
-ParamManager::ParamManager() {
+ParamManager::ParamManager() : patterns(std::make_unique<Patterns>()) {
+  regex_t& cfgRe = patterns->cfgRe;
+  regex_t& trpRe = patterns->trpRe;
   int cfg = regcomp(&cfgRe, groupfile::kLinePattern, REG_EXTENDED | REG_NEWLINE);
   ZELTA_ASSERT(cfg == 0, "regcomp(&cfgRe, cfgPattern, REG_EXTENDED | REG_NEWLINE) == 0");
   int trp = regcomp(&trpRe, groupfile::kTripletPattern, REG_EXTENDED | REG_NEWLINE);
@@ -14,8 +16,8 @@ ParamManager::ParamManager() {
 }
 
 ParamManager::~ParamManager() {
-  regfree(&cfgRe);
-  regfree(&trpRe);
+  regfree(&patterns->cfgRe);
+  regfree(&patterns->trpRe);
 }
 
 bool ParamManager::add(std::string key, Param* param) {
@@ -45,7 +47,7 @@ void ParamManager::loadAllGroups() { loadGroups(std::vector<ParamGroup*>(groups.
 void ParamManager::loadGroup(ParamGroup& group) { loadGroups({&group}); }
 
 void ParamManager::loadGroups(const std::vector<ParamGroup*>& which) {
-  groupfile::GroupFileReader reader(cfgRe, trpRe, params, checkedLoading);
+  groupfile::GroupFileReader reader(patterns->cfgRe, patterns->trpRe, params, checkedLoading);
   for (ParamGroup* group : which) {
     group->setActiveMode(false);
     reader.load(group->getFilePath(), group);
@@ -59,7 +61,7 @@ void ParamManager::saveAllGroups() {
 }
 
 void ParamManager::loadFromFile(std::string path) {
-  groupfile::GroupFileReader reader(cfgRe, trpRe, params, checkedLoading);
+  groupfile::GroupFileReader reader(patterns->cfgRe, patterns->trpRe, params, checkedLoading);
   reader.load(path);
   reader.finish();
 }

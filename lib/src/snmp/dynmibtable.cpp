@@ -19,7 +19,7 @@
 #include "snmp/agentengine.h"
 #include "snmp/notifier.h"
 #include "snmp/snmpcodec.h"
-#include "zelta/common.h"
+#include "zelta/text.h"
 #include "zelta/logging.h"
 #include "zelta/mibtypes.h"
 

@@ -1,11 +1,14 @@
-// SNMPInfo, the MibEntry base, the SET value conversions and the OID helpers
-// shared by the leaves, the table and the agent.
+// SNMPInfo and the object each value type is published as, the MibEntry
+// base, the SET value conversions and the OID helpers shared by the leaves,
+// the table and the agent.
 #include "snmp/snmpinternal.h"
 
 #include <cinttypes>
 #include <cstdio>
 #include <cstring>
+#include <memory>
 
+#include "params/snmpside.h"
 #include "zelta/logging.h"
 #include "zelta/mibtypes.h"
 
@@ -91,7 +94,55 @@ MibEntry::~MibEntry() {
 
 // ---- SNMPInfo
 
-SNMPInfo::SNMPInfo(const std::string& oidText, mib_access mode) : oid(oidText), access(mode) {}
+namespace {
+
+// The object that serves a parameter of each type: a leaf, a ranged one when
+// the parameter has a range and the type has a ranged leaf, or a table.
+struct Maker {
+  ValueType type;
+  std::unique_ptr<MibEntry> (*plain)(SNMPInfo* info, Variant* value);
+  std::unique_ptr<MibEntry> (*ranged)(SNMPInfo* info, Variant* value, unsigned long min, unsigned long max);
+};
+
+template <class Entry>
+std::unique_ptr<MibEntry> make(SNMPInfo* info, Variant* value) {
+  return std::make_unique<Entry>(info, value);
+}
+
+template <class Leaf, class Bound>
+std::unique_ptr<MibEntry> makeRanged(SNMPInfo* info, Variant* value, unsigned long min, unsigned long max) {
+  return std::make_unique<Leaf>(info, value, static_cast<Bound>(min), static_cast<Bound>(max));
+}
+
+const Maker kMakers[] = {
+    {INTEGER, make<IntMibLeaf>, makeRanged<MinMaxIntMibLeaf, int>},
+    {STRING, make<StringMibLeaf>, makeRanged<MinMaxStringMibLeaf, unsigned int>},
+    {IPADDRESS, make<IPAddressMibLeaf>, nullptr},
+    {TIMETICKS, make<TimeTicksMibLeaf>, nullptr},
+    {LOGADDRMAIN, make<LogaddrmainMibLeaf>, nullptr},
+    {TABLE, make<DynMibTable>, nullptr},
+};
+
+// Gives a published parameter its object; a parameter of another type has
+// none.
+void publish(SNMPInfo& info, Variant& value, ValueType type, unsigned long min, unsigned long max) {
+  const bool ranged = min != NO_RANGE && max != NO_RANGE;
+  for (const Maker& maker : kMakers)
+    if (maker.type == type) {
+      std::unique_ptr<MibEntry> entry =
+          ranged && maker.ranged != nullptr ? maker.ranged(&info, &value, min, max) : maker.plain(&info, &value);
+      info.setEntry(entry.release());
+      return;
+    }
+}
+
+}  // namespace
+
+SNMPInfo::SNMPInfo(const std::string& oidText, mib_access mode) : oid(oidText), access(mode) {
+  // A parameter is published through an SNMPInfo made before it: from here
+  // on the parameters find the SNMP side.
+  setEntryMaker(publish);
+}
 
 SNMPInfo::~SNMPInfo() = default;
 

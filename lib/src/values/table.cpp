@@ -6,8 +6,10 @@
 
 #include "base/trace.h"
 #include "values/valuecodec.h"
+#include "zelta/addresses.h"
 #include "zelta/logging.h"
 #include "zelta/tabledef.h"
+#include "zelta/text.h"
 
 namespace Quorvel::Kvan {
 

@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "base/trace.h"
+#include "zelta/addresses.h"
 
 namespace Quorvel::Kvan {
 

@@ -10,7 +10,8 @@
 #include <cstring>
 
 #include "base/filetext.h"
-#include "zelta/common.h"
+#include "zelta/addresses.h"
+#include "zelta/encoding.h"
 
 namespace Quorvel::Kvan {
 
