@@ -116,7 +116,7 @@ class Rig {
   // Serves our objects by `route`; the UDP port that answers, 0 on failure.
   int serve(Route route) {
     if (port != 0 && route == current) return port;
-    AgentConfig config;
+    SNMPAgent::Options config;
     if (route == Route::ThroughMaster) {
       config.agentxMaster = master.agentx();
     } else {

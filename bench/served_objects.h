@@ -52,7 +52,7 @@ class ServedObjects {
 
   // Starts the engine serving the objects with `config` (at most 30 minutes);
   // false when it does not come up.
-  bool serve(const AgentConfig& config) {
+  bool serve(const SNMPAgent::Options& config) {
     stopServing();
     auto started = std::make_shared<std::promise<bool>>();
     std::future<bool> ready = started->get_future();

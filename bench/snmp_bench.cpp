@@ -75,7 +75,7 @@ class Agents {
  private:
   Agents() {
     zeltaPort = freeUdpPort();
-    AgentConfig config;
+    SNMPAgent::Options config;
     config.listenAddress = "127.0.0.1";
     config.port = zeltaPort;
     zeltaUp = objects.serve(config);

@@ -48,9 +48,9 @@ struct ToolResult {
 inline ToolResult runTool(const std::vector<std::string>& args) {
   static const TempDir stateDir;
   // Requests reach the agent through the kernel, which ThreadSanitizer does
-  // not see; taking the agent lock before and after orders them.
+  // not see; taking the library lock before and after orders them.
 #ifdef ZELTA_LINKS_INTERNALS
-  { std::lock_guard<std::recursive_mutex> before(agentLock()); }
+  { LibraryLockGuard before(libraryMutex()); }
 #endif
   const std::string state = "'" + stateDir.path() + "'";
   std::string command = "MIBS= SNMPCONFPATH=" + state + " SNMP_PERSISTENT_DIR=" + state + " timeout 10";
@@ -63,7 +63,7 @@ inline ToolResult runTool(const std::vector<std::string>& args) {
     if (WIFEXITED(status)) result.exitCode = WEXITSTATUS(status);
   }
 #ifdef ZELTA_LINKS_INTERNALS
-  { std::lock_guard<std::recursive_mutex> after(agentLock()); }
+  { LibraryLockGuard after(libraryMutex()); }
 #endif
   return result;
 }
@@ -113,7 +113,7 @@ class AgentTest : public ::testing::Test {
  protected:
   // A port found free may be taken again before the agent binds it (a tool's
   // source port, a parallel test): a few tries with fresh ports.
-  bool startAgent(const std::vector<MibEntry*>& entries, AgentConfig config = AgentConfig()) {
+  bool startAgent(const std::vector<MibEntry*>& entries, SNMPAgent::Options config = SNMPAgent::Options()) {
     if (route == Route::ThroughMaster) return startSubagent(entries, config);
     config.listenAddress = "127.0.0.1";
     for (int attempt = 0; attempt < 5; ++attempt) {
@@ -124,7 +124,7 @@ class AgentTest : public ::testing::Test {
   }
   // Requests then go to the master's port; the engine registered with it
   // before initialize() returned.
-  bool startSubagent(const std::vector<MibEntry*>& entries, AgentConfig config) {
+  bool startSubagent(const std::vector<MibEntry*>& entries, SNMPAgent::Options config) {
     if (!master) master = std::make_unique<SnmpdMaster>();
     if (!master->running() && !master->start()) return false;
     config.agentxMaster = master->agentx();
@@ -133,7 +133,7 @@ class AgentTest : public ::testing::Test {
     ours = entries.empty() ? "" : "." + entries.front()->getOid();
     return serve(entries, config) && AgentEngine::isConnectedToMaster();
   }
-  bool serve(const std::vector<MibEntry*>& entries, const AgentConfig& config) {
+  bool serve(const std::vector<MibEntry*>& entries, const SNMPAgent::Options& config) {
     auto started = std::make_shared<std::promise<bool>>();
     std::future<bool> ready = started->get_future();
     stopFlag = false;

@@ -118,14 +118,14 @@ std::string fileText(const Model& model) {
 // is no prefix is an ERROR line and opens nothing.
 TEST_F(AgentTest, KeepsTheLocaleServesCommunitiesAndV3FromTheirSourcesRestartsAndRefusesASecondEngine) {
   Scalar s(1, Variant(1L), as<IntMibLeaf>);
-  AgentConfig config;
+  SNMPAgent::Options config;
   config.sysDescr = "zelta test agent";
   config.v3User = "zeltauser";
-  config.v3AuthPass = "auth-pass-1";
-  config.v3PrivPass = "priv-pass-1";
-  config.roSources = {"127.0.0.3", "127.0.0.0/7", "127.0.0.1"};
-  config.rwSources = {"127.0.0.1/32"};
-  config.v3Sources = {"127.0.0.0/32", "127.0.0.1"};
+  config.v3AuthPassphrase = "auth-pass-1";
+  config.v3PrivPassphrase = "priv-pass-1";
+  config.roCommunitySources = {"127.0.0.3", "127.0.0.0/7", "127.0.0.1"};
+  config.rwCommunitySources = {"127.0.0.1/32"};
+  config.v3UserSources = {"127.0.0.0/32", "127.0.0.1"};
   setenv("LC_ALL", "C.UTF-8", 1);
   setlocale(LC_CTYPE, "C");
   bool started = false;
@@ -219,10 +219,10 @@ struct Served {
 TEST_F(AgentTest, EngineBootsGrowOverRestartsAndNoBadStateFileServesAPairAgain) {
   Scalar s(1, Variant(1L), as<IntMibLeaf>);
   TempDir dir;
-  AgentConfig config;
+  SNMPAgent::Options config;
   config.engineStateFile = dir.file("engine");
   std::string log;
-  auto serve = [&](const AgentConfig& c) {
+  auto serve = [&](const SNMPAgent::Options& c) {
     stopAgent();
     log = captureLog(ERROR, [&] { EXPECT_TRUE(startAgent({s.info.getEntry()}, c)); });
     const std::string kEngine = ".1.3.6.1.6.3.10.2.1.";
@@ -251,7 +251,7 @@ TEST_F(AgentTest, EngineBootsGrowOverRestartsAndNoBadStateFileServesAPairAgain) 
   EXPECT_EQ(log, "");
 
   config.engineId = "zelta-box";
-  AgentConfig stateless = config;
+  SNMPAgent::Options stateless = config;
   stateless.engineStateFile.clear();
   const Served fixed = serve(config);
   EXPECT_EQ(fixed.id, serve(stateless).id);

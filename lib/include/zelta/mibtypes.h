@@ -7,11 +7,11 @@
 // it stops. An SNMPInfo owns its entry, so an entry stays valid for the
 // parameter across agent restarts.
 //
-// Thread safety: the Net-SNMP handler steps (check_set, set_value,
-// get_request and the table's steps) run on the agent thread with the agent
-// lock held. DynMibTable's public operations take that lock themselves, so
-// the loading thread may call them while the agent runs. Bound Variants are not locked beyond that: whatever serialises
-// the parameter's value with the host's own threads is the parameter's business.
+// Thread safety: the agent serves requests on its own thread with the library
+// lock held, and DynMibTable's public operations take that lock themselves,
+// so the loading thread may call them while the agent runs. Bound Variants are
+// not locked beyond that: whatever serialises the parameter's value with the
+// host's own threads is the parameter's business.
 #ifndef ZELTA_MIBTYPES_H_
 #define ZELTA_MIBTYPES_H_
 
@@ -25,24 +25,15 @@
 #include "zelta/export.h"
 #include "zelta/tabledef.h"
 
-// Net-SNMP's types, declared here so that no Net-SNMP header is needed.
-struct variable_list;                 // netsnmp_variable_list
-struct netsnmp_agent_request_info_s;  // netsnmp_agent_request_info
-struct netsnmp_request_info_s;        // netsnmp_request_info
-struct netsnmp_handler_registration_s;
-
 namespace Quorvel::Kvan::SNMP {
 
 // Access of a published object; 0 means "not published".
 enum mib_access { NOACCESS = 0, READONLY = 1, READWRITE = 2, READCREATE = 3 };
 
-class AgentEngine;
-class Notifier;
 class SNMPInfo;
 
-// Base of every published object: its OID, its access and how it registers
-// with the agent. Objects are tied to their address (Net-SNMP points at
-// them), so they cannot be copied.
+// Base of every published object: its OID and its access. Objects are tied to
+// their address (the agent points at them), so they cannot be copied.
 class ZELTA_EXPORT MibEntry {
  public:
   virtual ~MibEntry();
@@ -71,18 +62,10 @@ class ZELTA_EXPORT MibEntry {
   explicit MibEntry(const SNMPInfo& info);
 
   void storeAccess(mib_access mode) { access.store(static_cast<uint8_t>(mode)); }
-
-  // Registers the object's handler with the agent. REQUIRES: agent lock held,
-  // agent initialising. False (with an ERROR line) when Net-SNMP refuses.
-  virtual bool registerEntry() = 0;
-  // Undoes registerEntry; harmless when not registered. REQUIRES: agent lock.
-  virtual void unregisterEntry() = 0;
+  // Set by the agent as it registers and unregisters the object.
   void setRegistered(bool on) { registered = on; }
 
  private:
-  friend class AgentEngine;
-  friend class ScalarIndex;
-
   // Sub-identifiers are 32 bits on the wire; most OIDs fit in place, so a
   // published scalar needs no second heap block for its OID.
   static constexpr uint8_t kInlineSubIds = 12;
@@ -137,14 +120,6 @@ class ZELTA_EXPORT SNMPInfo {
   std::unique_ptr<MibEntry> mibEntry;
 };
 
-// Value of an SNMP SET binding as a 32-bit number: TimeTicks unsigned,
-// INTEGER signed; anything else gives the marker 0xDEADBEEF (as a signed
-// 32-bit value, -559038737), which only a validator can refuse.
-ZELTA_EXPORT long vbxToLong(const ::variable_list& vb);
-// Value of a binding as bytes: an IpAddress as dotted text; an OCTET STRING
-// of up to 1023 bytes as it is; anything else is logged and read as "ERROR".
-ZELTA_EXPORT std::string vbxToString(const ::variable_list& vb);
-
 // Common part of the scalar leaves, bound to the parameter's Variant (not
 // owned; it must outlive the leaf). A GET runs the Variant's filler and
 // answers with its value; a SET is checked (writable, type, length, the
@@ -162,31 +137,17 @@ class ZELTA_EXPORT MibLeaf : public MibEntry, public IAccessModeChangeable {
   // lengths of a string. False when the leaf has none.
   bool getBounds(long& min, long& max) const;
 
-  // Handler steps, on the agent thread with the agent lock held.
-  // The checks of a SET value: 0, or the error status (notWritable,
-  // wrongType, wrongLength, wrongValue).
-  int check_set(const ::variable_list& vb);
-  // The parameter's verdict on a SET value, and an integer's range.
-  bool value_ok(const ::variable_list& vb);
-  // Writes the value into the Variant and notifies its listener once.
-  // Returns an SNMP error status (0 = done). A leaf that is not writable
-  // ignores the write and returns 0.
-  int set_value(const ::variable_list& vb);
-  // Runs the filler and answers the request; false when the filler refused.
-  bool get_request(netsnmp_agent_request_info_s* reqinfo, netsnmp_request_info_s* request);
-  // Asks memory for the bound value and its owner before a request reads them.
-  void prefetchValue() const;
+  // The steps of a request on the leaf (a GET, the checks and the commit of a
+  // SET) over Net-SNMP's types; defined with the library's sources, of no use
+  // to a host.
+  struct Internal;
 
  protected:
   // Bounds: value bounds of an integer, length bounds of a string.
   MibLeaf(SNMPInfo* info, Variant* value, ValueType type);
   MibLeaf(SNMPInfo* info, Variant* value, ValueType type, uint32_t min, uint32_t max);
 
-  bool registerEntry() override;
-  void unregisterEntry() override;
-
-  friend class Notifier;  // reads the value of a change the host reports
-
+ private:
   Variant* value;
   ValueType type;
   bool bounded = false;
@@ -262,7 +223,7 @@ class ZELTA_EXPORT DynMibTable : public MibEntry, public IAccessModeChangeable {
   void setAccess(mib_access access) override;
   // The table's shape (index columns, RowStatus column, value columns), or
   // null for a table without definition.
-  const TableDef* getDefinition() const { return definition; }
+  const TableDef* getDefinition() const;
 
   // Adds (or updates) a row as loaded from a file: the Table row takes the
   // given cells (created with defaults if absent) and is active at once,
@@ -290,8 +251,8 @@ class ZELTA_EXPORT DynMibTable : public MibEntry, public IAccessModeChangeable {
   // resourceUnavailable and changes nothing. Rows a PDU destroys make room
   // for those it creates. Rows the host adds (addRow, a file, Param's
   // setValue) are not limited. 0 (the default) = no limit. Any thread.
-  void setMaxRows(size_t limit) { maxRowCount.store(limit); }
-  size_t getMaxRows() const { return maxRowCount.load(); }
+  void setMaxRows(size_t limit);
+  size_t getMaxRows() const;
   // RowStatus of a row: -1 when absent, otherwise 1, 2 or 3.
   int getRowStatus(const std::vector<unsigned long>& indexes);
   int getRowStatus(const std::string& index);
@@ -315,66 +276,13 @@ class ZELTA_EXPORT DynMibTable : public MibEntry, public IAccessModeChangeable {
   // false when it refuses.
   bool callFiller(const std::vector<unsigned long>& indexes, unsigned int column);
 
-  // Net-SNMP handler of the table; internal.
-  struct Handler;
-
- protected:
-  bool registerEntry() override;
-  void unregisterEntry() override;
+  // What serves the table (its shape as published, the agent's handler and
+  // the steps of a request); defined with the library's sources, of no use to
+  // a host.
+  struct Impl;
 
  private:
-  friend struct Handler;
-  friend class Notifier;  // reads the row of a change the host reports
-
-  Table& table() const { return *value->getMutableTable(); }
-  // True when a row with this index can be served (the index fits the
-  // table and SNMP's 32-bit sub-identifiers).
-  ZELTA_LOCAL bool servable(const RowIdx& indexes) const;
-
-  // Handler steps, on the agent thread with the agent lock held. `pending`
-  // is the PDU's set of changes for this table.
-  ZELTA_LOCAL void get_request(netsnmp_agent_request_info_s* reqinfo, netsnmp_request_info_s* request);
-  ZELTA_LOCAL void get_next_request(netsnmp_agent_request_info_s* reqinfo, netsnmp_request_info_s* request);
-  // RESERVE1: each binding on its own (access, index, type, length, range).
-  ZELTA_LOCAL void prepare_set_request(netsnmp_agent_request_info_s* reqinfo, netsnmp_request_info_s* request,
-                                       void* pending);
-  // RESERVE2: the bindings of each row together (RowStatus, readiness).
-  ZELTA_LOCAL void check_row_transitions(netsnmp_agent_request_info_s* reqinfo, void* pending);
-  // ACTION: activeRowsReadOnly and the column validators.
-  ZELTA_LOCAL void validate_set_request(netsnmp_agent_request_info_s* reqinfo, void* pending);
-  // COMMIT: applies the PDU to the Table, and notifies.
-  ZELTA_LOCAL void commit_set_request(netsnmp_agent_request_info_s* reqinfo, void* pending);
-  // Answers a request for a cell of an existing row, the filler having run.
-  ZELTA_LOCAL void answer(netsnmp_agent_request_info_s* reqinfo, netsnmp_request_info_s* request, const RowIdx& indexes,
-                          const TableRow& row, unsigned int column);
-  // The definition of a host write's column when the row and the column
-  // exist; null, with a trace line, otherwise.
-  ZELTA_LOCAL const FieldType* writableCell(const RowIdx& indexes, unsigned int column);
-  // Stores a host value converted for the column; false, with a trace line,
-  // when it could not be converted or the Table refuses it.
-  ZELTA_LOCAL bool storeCell(const RowIdx& indexes, unsigned int column, bool converted, const Variant& cell);
-
-  ZELTA_LOCAL void initIndexes();
-  ZELTA_LOCAL void initRowStatus();
-  ZELTA_LOCAL void initFields();
-  ZELTA_LOCAL void initValues();
-  // False, with an ERROR line, for a column type that cannot be published.
-  ZELTA_LOCAL bool makeLeaf(const FieldType& type) const;
-  ZELTA_LOCAL void notify(const char* reason, const RowIdx& indexes, int action, int column);
-  ZELTA_LOCAL void row_added(const RowIdx& indexes);
-  ZELTA_LOCAL void row_activated(const RowIdx& indexes);
-  ZELTA_LOCAL void row_deactivated(const RowIdx& indexes);
-  ZELTA_LOCAL void row_delete(const RowIdx& indexes);
-
-  Variant* value;
-  TableDef* definition;
-  unsigned int rowStatusColumn = 0;
-  int numIdx = -1;
-  std::vector<unsigned int> served;          // RowStatus and the published value columns, ascending
-  std::vector<unsigned int> withoutDefault;  // value columns a new row cannot be ready without
-  RowIdx scratch;                            // the index of a request, without an allocation each
-  std::atomic<size_t> maxRowCount{0};
-  netsnmp_handler_registration_s* registration = nullptr;  // while registered; owned by Net-SNMP
+  std::unique_ptr<Impl> impl;
 };
 
 }  // namespace Quorvel::Kvan::SNMP

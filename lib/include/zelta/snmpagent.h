@@ -22,11 +22,9 @@
 #ifndef ZELTA_SNMPAGENT_H_
 #define ZELTA_SNMPAGENT_H_
 
-#include <atomic>
-#include <functional>
+#include <cstddef>
 #include <memory>
 #include <string>
-#include <thread>
 #include <utility>
 #include <vector>
 
@@ -37,8 +35,6 @@ namespace Quorvel::Kvan {
 class ParamManager;
 
 namespace SNMP {
-class AgentEngine;
-class Notifier;
 
 // Where the agent sends its notifications besides the targets a manager
 // configures in SNMP-TARGET-MIB and SNMP-NOTIFICATION-MIB. SNMPv2c unless
@@ -110,10 +106,10 @@ class ZELTA_EXPORT SNMPAgent {
   // Joins the agent thread (if any).
   void waitForFinish();
   // True while the request loop runs.
-  bool isRunning() const { return running.load(); }
+  bool isRunning() const;
   // True once the agent thread has ended: after a stop, or at once when the
   // port could not be opened. False again after start().
-  bool hasFinished() const { return finished.load(); }
+  bool hasFinished() const;
   // Subagent role: true while the master holds our objects (registered, and
   // answering pings). Any thread.
   bool isConnectedToMaster() const;
@@ -125,7 +121,7 @@ class ZELTA_EXPORT SNMPAgent {
   // manager with SNMP information and an access other than NOACCESS, in the
   // registry's order, then the entries added with addEntry().
   std::vector<std::pair<std::string, MibEntry*>> publishedEntries() const;
-  const std::vector<std::pair<std::string, const MibEntry*>>& getEntries() const { return entries; }
+  const std::vector<std::pair<std::string, const MibEntry*>>& getEntries() const;
 
   // A change the device made itself (front panel, own logic), told to the
   // notification receivers as if a manager had SET it: the object's instance
@@ -141,23 +137,9 @@ class ZELTA_EXPORT SNMPAgent {
   bool notifyRowStatus(const DynMibTable& table, const std::vector<unsigned long>& index);
 
  private:
-  ZELTA_LOCAL void handleRequests();
-  ZELTA_LOCAL bool initializeAgent();
-  ZELTA_LOCAL void initMib();
-  ZELTA_LOCAL void forEachPublished(const std::function<void(const std::string&, MibEntry*, mib_access)>& visit) const;
-
-  Options options;
-  std::atomic<bool> running{false};
-  std::atomic<bool> stopRequested{false};
-  std::atomic<bool> finished{false};
-  ParamManager* manager;
-  std::unique_ptr<std::thread> thread;
-  std::unique_ptr<AgentEngine> engine;
-  std::unique_ptr<Notifier> notifier;
-  int readOnlyCount = 0;
-  int readWriteCount = 0;
-  std::vector<std::pair<std::string, MibEntry*>> extraEntries;
-  std::vector<std::pair<std::string, const MibEntry*>> entries;
+  // The agent thread, the engine it runs and what it serves.
+  struct Impl;
+  std::unique_ptr<Impl> impl;
 };
 
 }  // namespace SNMP

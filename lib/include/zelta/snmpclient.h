@@ -19,8 +19,6 @@
 
 namespace Quorvel::Kvan::SNMP {
 
-struct VbAccess;
-
 // One variable binding: an object identifier (dotted text) and a typed value.
 // A new binding holds Null. The setters replace the value and its syntax; the
 // getters return false, leaving `out` alone, when the value has another syntax.
@@ -86,9 +84,11 @@ class ZELTA_EXPORT Vb {
   // the exceptions by name ("noSuchObject"), Null and unmodelled syntaxes as "".
   std::string toString() const;
 
- private:
-  friend struct VbAccess;
+  // How the client moves a binding to and from Net-SNMP's; defined with the
+  // library's sources, of no use to a host.
+  struct Internal;
 
+ private:
   std::string oidText;
   int syntax = SYNTAX_NULL;
   int64_t number = 0;  // INTEGER, or the unsigned syntaxes

@@ -8,6 +8,4 @@ LibraryMutex& libraryMutex() {
   return *mutex;
 }
 
-std::recursive_mutex& libraryLock() { return libraryMutex().native(); }
-
 }  // namespace Quorvel::Kvan

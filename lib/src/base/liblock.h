@@ -3,10 +3,9 @@
 // agent's tables and Net-SNMP's global state. Recursive, because validators,
 // fillers and post-set hooks run with it held and may write parameters.
 //
-// Code of ours takes it through LibraryLockGuard, so that clang's
-// -Wthread-safety checks what it guards; functions named *_nolock expect it
-// held. The agent engine, its tables and the client lock the same mutex
-// through libraryLock() (agentLock() is another name for it).
+// Every acquisition goes through LibraryLockGuard, so that clang's
+// -Wthread-safety checks what it guards: state it guards is GUARDED_BY it,
+// and functions that expect it held (named *_nolock) are REQUIRES it.
 //
 // Lock order: the library lock may be held while the group-file mutex is
 // taken (a hook that saves), never the other way round; a LogChannel's mutex
@@ -44,8 +43,6 @@ class CAPABILITY("mutex") LibraryMutex {
   void assertHeld() const ASSERT_CAPABILITY(this) {
     ZELTA_ASSERT(owner_.load(std::memory_order_relaxed) == std::this_thread::get_id(), "libraryMutex().assertHeld()");
   }
-  // The mutex itself, for code that locks it with the standard guards.
-  std::recursive_mutex& native() { return mutex_; }
 
  private:
   std::recursive_mutex mutex_;
@@ -91,8 +88,6 @@ class SCOPED_CAPABILITY MutexLock {
 // The one library lock. Never destroyed: detached save workers may still
 // take it during exit.
 LibraryMutex& libraryMutex();
-// The same mutex, for code that does not use the annotated guard.
-std::recursive_mutex& libraryLock();
 
 }  // namespace Quorvel::Kvan
 

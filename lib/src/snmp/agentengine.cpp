@@ -18,11 +18,11 @@
 #include "base/ratelimit.h"
 #include "snmp/agentengine.h"
 #include "snmp/agentxlink.h"
+#include "snmp/dynmibtable.h"
 #include "snmp/enginestate.h"
 #include "snmp/scalarindex.h"
 #include "snmp/sourcefilter.h"
 #include "zelta/logging.h"
-#include "zelta/mibtypes.h"
 
 // Standard MIB groups of libnetsnmpmibs; their headers are not installed.
 extern "C" {
@@ -47,18 +47,18 @@ namespace {
 
 const char kAppName[] = "libzelta";
 
-// The initialised engine, if any; guarded by agentLock().
-AgentEngine* activeEngine = nullptr;
+// The initialised engine, if any.
+AgentEngine* activeEngine GUARDED_BY(libraryMutex()) = nullptr;
 
 // Counts the times a thread other than the agent thread may have read one of
-// Net-SNMP's sessions; guarded by agentLock().
-unsigned readsElsewhere = 0;
+// Net-SNMP's sessions.
+unsigned readsElsewhere GUARDED_BY(libraryMutex()) = 0;
 
 // Net-SNMP logs a line for every malformed datagram: alike lines are limited
 // to a few per minute, and what was held back is summed up once a minute.
 struct NetSnmpLogLimit {
-  std::mutex mutex;
-  LogRateLimiter limiter{5, std::chrono::minutes(1)};
+  Mutex mutex;
+  LogRateLimiter limiter GUARDED_BY(mutex){5, std::chrono::minutes(1)};
 };
 
 NetSnmpLogLimit& netSnmpLogLimit() {
@@ -66,15 +66,17 @@ NetSnmpLogLimit& netSnmpLogLimit() {
   return *limit;
 }
 
-// Logs the summaries that are due at `now`.
-void logSuppressedLines(LogRateLimiter::Clock::time_point now) {
+// Logs the summaries that are due now, or, with `all`, every one.
+void logSuppressedLines(bool all) {
   std::vector<LogRateLimiter::Summary> due;
+  LogRateLimiter::Clock::duration window;
   {
     NetSnmpLogLimit& limit = netSnmpLogLimit();
-    std::lock_guard<std::mutex> lock(limit.mutex);
-    due = limit.limiter.takeDue(now);
+    MutexLock lock(limit.mutex);
+    window = limit.limiter.window();
+    due = limit.limiter.takeDue(LogRateLimiter::Clock::now() + (all ? window : LogRateLimiter::Clock::duration()));
   }
-  const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(netSnmpLogLimit().limiter.window()).count();
+  const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(window).count();
   for (const auto& summary : due)
     Log["libzelta"].append(static_cast<EventType>(summary.level),
                            "Net-SNMP: %u more lines like \"%s\" in the last %lld s were not logged\n",
@@ -97,7 +99,7 @@ int logCallback(int /*major*/, int /*minor*/, void* serverarg, void* /*clientarg
   if (agentx::isSessionLine(message->msg)) return 0;
   {
     NetSnmpLogLimit& limit = netSnmpLogLimit();
-    std::lock_guard<std::mutex> lock(limit.mutex);
+    MutexLock lock(limit.mutex);
     if (!limit.limiter.admit(message->msg, level, LogRateLimiter::Clock::now())) return 0;
   }
   size_t len = strlen(message->msg);
@@ -145,23 +147,23 @@ bool rememberCommunity(const std::string& token, const std::string& community, c
 }
 
 // The v3 user's lines; false when there is no usable user.
-bool rememberV3User(const AgentConfig& config) {
+bool rememberV3User(const SNMPAgent::Options& config) {
   std::string user, auth, priv;
   if (config.v3User.empty()) return false;
-  if (!configWord(config.v3User, user) || !configWord(config.v3AuthPass, auth)) {
+  if (!configWord(config.v3User, user) || !configWord(config.v3AuthPassphrase, auth)) {
     Log["libzelta"].append(WARNING,
                            "AgentEngine: SNMPv3 user ignored: it needs a name and an authentication "
                            "passphrase without quotes or line ends\n");
     return false;
   }
-  if (!config.v3PrivPass.empty() && configWord(config.v3PrivPass, priv)) {
+  if (!config.v3PrivPassphrase.empty() && configWord(config.v3PrivPassphrase, priv)) {
     remember("createUser " + user + " SHA " + auth + " AES " + priv);
     remember("rwuser " + user + " priv");
   } else {
     remember("createUser " + user + " SHA " + auth);
     remember("rwuser " + user + " auth");
   }
-  if (!config.v3Sources.empty()) limitV3UserSources(config.v3User, parseSources(config.v3Sources, "SNMPv3 user"));
+  if (!config.v3UserSources.empty()) limitV3UserSources(config.v3User, parseSources(config.v3UserSources, "SNMPv3 user"));
   return true;
 }
 
@@ -169,7 +171,7 @@ bool rememberV3User(const AgentConfig& config) {
 // file nothing remembers earlier starts, so an SNMPv3 user is served under a
 // new random engine ID each time, never under a fixed one whose boots count
 // starts at 1 again.
-void rememberEngineIdentity(const AgentConfig& config, bool servesV3) {
+void rememberEngineIdentity(const SNMPAgent::Options& config, bool servesV3) {
   std::string idText;
   if (!configWord(config.engineId, idText)) idText.clear();
   EngineIdentity identity;
@@ -188,14 +190,14 @@ void rememberEngineIdentity(const AgentConfig& config, bool servesV3) {
   configureEngineIdentity(identity);
 }
 
-void rememberConfig(const AgentConfig& config) {
+void rememberConfig(const SNMPAgent::Options& config) {
   // No MIB file is parsed: the agent needs none, and parsing costs start-up
   // time and file reads.
   remember("mibs :");
   // A subagent's managers talk to the master, which checks who they are.
-  if (config.isSubagent()) return;
-  rememberCommunity("rocommunity", config.roCommunity, config.roSources, "read-only community");
-  if (rememberCommunity("rwcommunity", config.rwCommunity, config.rwSources, "read-write community") &&
+  if (isSubagent(config)) return;
+  rememberCommunity("rocommunity", config.roCommunity, config.roCommunitySources, "read-only community");
+  if (rememberCommunity("rwcommunity", config.rwCommunity, config.rwCommunitySources, "read-write community") &&
       !isLoopbackAddress(config.listenAddress))
     Log["libzelta"].append(WARNING,
                            "AgentEngine: the read-write community is accepted from any source address on %s, "
@@ -215,7 +217,7 @@ void rememberConfig(const AgentConfig& config) {
   }
 }
 
-void setOptions(const AgentConfig& config, const std::string& persistentDir) {
+void setOptions(const SNMPAgent::Options& config, const std::string& persistentDir) {
   // Nothing is read from /etc/snmp or ~/.snmp, and no state is written.
   netsnmp_ds_set_boolean(NETSNMP_DS_LIBRARY_ID, NETSNMP_DS_LIB_DONT_READ_CONFIGS, 1);
   netsnmp_ds_set_boolean(NETSNMP_DS_LIBRARY_ID, NETSNMP_DS_LIB_DONT_PERSIST_STATE, 1);
@@ -263,7 +265,7 @@ int acceptPacket(netsnmp_session* /*session*/, netsnmp_transport* /*transport*/,
 
 // Opens the agent's UDP port as Net-SNMP's master agent would, with the
 // packet check above.
-bool openPort_nolock(const AgentConfig& config) {
+bool openPort_nolock(const SNMPAgent::Options& config) REQUIRES(libraryMutex()) {
   std::string endpoint = "udp:";
   if (!config.listenAddress.empty()) endpoint += config.listenAddress + ":";
   endpoint += std::to_string(config.port);
@@ -288,7 +290,7 @@ bool openPort_nolock(const AgentConfig& config) {
 }
 
 // Reads the sessions that `fds` marks, and what they passed on inside.
-void readAll_nolock(netsnmp_large_fd_set* fds) {
+void readAll_nolock(netsnmp_large_fd_set* fds) REQUIRES(libraryMutex()) {
   snmp_read2(fds);
   // A subagent's request from the master reaches the agent, and its answer
   // comes back, through Net-SNMP's internal pipes: read at once, the master
@@ -307,8 +309,6 @@ int removeOne(const char* path, const struct stat* /*sb*/, int /*flag*/, struct 
 
 }  // namespace
 
-std::recursive_mutex& agentLock() { return libraryLock(); }
-
 AgentEngine::AgentEngine() : scalars(std::make_unique<ScalarIndex>()) {
   // The wake-up pipe lives as long as the engine, so wakeUp() never races a
   // shut-down.
@@ -323,9 +323,9 @@ AgentEngine::~AgentEngine() {
   }
 }
 
-bool AgentEngine::initialize(const AgentConfig& config, const std::vector<MibEntry*>& entries,
+bool AgentEngine::initialize(const SNMPAgent::Options& config, const std::vector<MibEntry*>& entries,
                              const std::vector<const std::string*>* keys) {
-  std::lock_guard lock(agentLock());
+  LibraryLockGuard lock(libraryMutex());
   if (initialized || activeEngine != nullptr) {
     Log["libzelta"].append(WARNING, "AgentEngine: an SNMP agent already runs in this process, not starting another\n");
     return false;
@@ -357,7 +357,7 @@ bool AgentEngine::initialize(const AgentConfig& config, const std::vector<MibEnt
     return false;
   }
   // A subagent's master serves the standard groups.
-  if (!config.isSubagent()) initStandardGroups(config.systemGroup);
+  if (!isSubagent(config)) initStandardGroups(config.systemGroup);
   // Tables and other objects first: the scalar index then knows what lies
   // between its scalars.
   auto refuse = [&](size_t position, const MibEntry* entry) {
@@ -373,11 +373,12 @@ bool AgentEngine::initialize(const AgentConfig& config, const std::vector<MibEnt
     if (i + 8 < entries.size()) __builtin_prefetch(entries[i + 8]);
     MibEntry* entry = entries[i];
     if (entry == nullptr) continue;
+    auto* table = dynamic_cast<DynMibTable*>(entry);
     if (auto* leaf = dynamic_cast<MibLeaf*>(entry)) {
       leaves.push_back(leaf);
       leafPositions.push_back(i);
-    } else if (entry->registerEntry()) {
-      registered.push_back(entry);
+    } else if (table != nullptr && DynMibTable::Impl::of(*table).registerEntry_nolock()) {
+      registered.push_back(table);
     } else {
       refuse(i, entry);
     }
@@ -389,12 +390,12 @@ bool AgentEngine::initialize(const AgentConfig& config, const std::vector<MibEnt
   // init_snmp sets LC_CTYPE from the environment; the host's setting stays.
   const char* current = setlocale(LC_CTYPE, nullptr);
   std::string savedLocale = current != nullptr ? current : "C";
-  if (config.isSubagent()) agentx::watch(config);
+  if (isSubagent(config)) agentx::watch(config);
   init_snmp(kAppName);  // a subagent's first attempt to reach its master
   setlocale(LC_CTYPE, savedLocale.c_str());
-  if (config.isSubagent()) agentx::started();
+  if (isSubagent(config)) agentx::started();
 
-  if (!config.isSubagent() && !openPort_nolock(config)) {
+  if (!isSubagent(config) && !openPort_nolock(config)) {
     Log["libzelta"].append(ERROR, "AgentEngine: cannot open UDP %s:%d\n",
                            config.listenAddress.empty() ? "*" : config.listenAddress.c_str(), config.port);
     cleanUp_nolock();
@@ -412,7 +413,7 @@ void AgentEngine::serveOnce(int maxSeconds) {
   struct timeval timeout = {maxSeconds, 0};
   unsigned readsBefore = 0;
   {
-    std::lock_guard lock(agentLock());
+    LibraryLockGuard lock(libraryMutex());
     if (!initialized) {
       netsnmp_large_fd_set_cleanup(&fds);
       return;
@@ -429,7 +430,7 @@ void AgentEngine::serveOnce(int maxSeconds) {
   int count = select(numfds, fds.lfs_setptr, nullptr, nullptr, &timeout);
   int selectErrno = errno;
 
-  std::lock_guard lock(agentLock());
+  LibraryLockGuard lock(libraryMutex());
   if (initialized) {
     if (count > 0) {
       if (wakePipe[0] >= 0 && NETSNMP_LARGE_FD_ISSET(wakePipe[0], &fds)) {
@@ -455,20 +456,21 @@ void AgentEngine::serveOnce(int maxSeconds) {
     netsnmp_check_outstanding_agent_requests();
   }
   netsnmp_large_fd_set_cleanup(&fds);
-  logSuppressedLines(LogRateLimiter::Clock::now());
+  logSuppressedLines(false);
 }
 
 void AgentEngine::shutdown() {
   {
-    std::lock_guard lock(agentLock());
+    LibraryLockGuard lock(libraryMutex());
     if (initialized) cleanUp_nolock();
   }
   // What was held back is told now rather than never.
-  logSuppressedLines(LogRateLimiter::Clock::now() + netSnmpLogLimit().limiter.window());
+  logSuppressedLines(true);
 }
 
 std::vector<MibEntry*> AgentEngine::registeredEntries() const {
-  std::vector<MibEntry*> all(registered);
+  LibraryLockGuard lock(libraryMutex());
+  std::vector<MibEntry*> all(registered.begin(), registered.end());
   all.insert(all.end(), scalars->begin(), scalars->end());
   return all;
 }
@@ -483,7 +485,7 @@ void AgentEngine::wakeUp() {
 
 void AgentEngine::cleanUp_nolock() {
   // Entries first: their tables live in containers that shutdown_agent frees.
-  for (MibEntry* entry : registered) entry->unregisterEntry();
+  for (DynMibTable* table : registered) DynMibTable::Impl::of(*table).unregisterEntry_nolock();
   registered.clear();
   scalars->clear();
   agentx::unwatch();

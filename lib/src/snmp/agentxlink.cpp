@@ -36,26 +36,25 @@ namespace {
 // while an internal count is zero, and only a shut-down made while connected
 // to the master sets the count back. After a shut-down without master the
 // next start would never connect. True while that count is not zero.
-bool netSnmpSubagentSetUp = false;
+bool netSnmpSubagentSetUp GUARDED_BY(libraryMutex()) = false;
 
 // Net-SNMP's agent roles (snmpd.h, not installed).
 constexpr int kMasterAgent = 0;
 constexpr int kSubAgent = 1;
 
-// Guarded by the agent lock, like `connected`.
 struct Watch {
   bool watching = false;
   bool everConnected = false;
   std::string master;
   int pingSeconds = 0;
 };
-Watch watchState;
-bool connected = false;
+Watch watchState GUARDED_BY(libraryMutex());
+bool connected GUARDED_BY(libraryMutex()) = false;
 
 // Net-SNMP's sessions between its subagent and its agent: a request from the
 // master goes to the agent through the pipe of one, the answer back through
 // the other's. Taken after init_snmp, used only while Net-SNMP still has them.
-netsnmp_session* internalSessions[2] = {nullptr, nullptr};
+netsnmp_session* internalSessions[2] GUARDED_BY(libraryMutex()) = {nullptr, nullptr};
 
 // Net-SNMP splits a registration around the ones that lie inside it, and
 // after a loss registers each piece with the master again: all but the first
@@ -76,8 +75,10 @@ void markRepeatedPieces() {
   }
 }
 
-// Called when a session is open, right before Net-SNMP registers everything.
+// Called when a session is open, right before Net-SNMP registers everything:
+// like every call of Net-SNMP's, with the library lock held.
 int onSessionStart(int /*major*/, int /*minor*/, void* /*serverarg*/, void* /*clientarg*/) {
+  libraryMutex().assertHeld();
   markRepeatedPieces();
   if (!watchState.watching) return 0;
   connected = true;
@@ -88,6 +89,7 @@ int onSessionStart(int /*major*/, int /*minor*/, void* /*serverarg*/, void* /*cl
 }
 
 int onSessionStop(int /*major*/, int /*minor*/, void* /*serverarg*/, void* /*clientarg*/) {
+  libraryMutex().assertHeld();
   if (!watchState.watching || !connected) return 0;
   connected = false;
   Log["libzelta"].append(WARNING, "AgentX: lost the master at %s; trying again every %d s\n", watchState.master.c_str(),
@@ -97,13 +99,13 @@ int onSessionStop(int /*major*/, int /*minor*/, void* /*serverarg*/, void* /*cli
 
 }  // namespace
 
-void setOptions(const AgentConfig& config) {
+void setOptions(const SNMPAgent::Options& config) {
   // Both roles keep their session to the other side under this name (the
   // master its listening session), and shut-down leaves it pointing at the
   // closed session. A subagent would take that for a connection: it would
   // neither send its registrations nor connect.
   main_session = nullptr;
-  if (!config.isSubagent()) {
+  if (!isSubagent(config)) {
     netsnmp_ds_set_boolean(NETSNMP_DS_APPLICATION_ID, NETSNMP_DS_AGENT_ROLE, kMasterAgent);
     netsnmp_ds_set_int(NETSNMP_DS_APPLICATION_ID, NETSNMP_DS_AGENT_AGENTX_PING_INTERVAL, 0);
     return;
@@ -114,7 +116,7 @@ void setOptions(const AgentConfig& config) {
   netsnmp_ds_set_boolean(NETSNMP_DS_APPLICATION_ID, NETSNMP_DS_AGENT_NO_CONNECTION_WARNINGS, 1);
 }
 
-void watch(const AgentConfig& config) {
+void watch(const SNMPAgent::Options& config) {
   watchState = Watch{true, false, config.agentxMaster, std::max(1, config.agentxPingSeconds)};
   // With a ping interval Net-SNMP keeps trying to reach a master that is
   // away, at start and after a loss; without one it would try once. Set
@@ -181,7 +183,7 @@ bool queuedInside(netsnmp_large_fd_set* fds) {
 bool isConnected() {
   // Taken while the agent thread (re)connects, so that the session and its
   // registrations are seen complete.
-  std::lock_guard lock(agentLock());
+  LibraryLockGuard lock(libraryMutex());
   return connected;
 }
 

@@ -10,7 +10,7 @@
 // transitions, readiness), ACTION asks the column validators, and COMMIT
 // applies the whole PDU. Nothing changes before COMMIT, so a refused binding
 // leaves every row as it was.
-#include "snmp/snmpinternal.h"
+#include "snmp/dynmibtable.h"
 
 #include <algorithm>
 #include <cstring>
@@ -19,9 +19,8 @@
 #include "snmp/agentengine.h"
 #include "snmp/notifier.h"
 #include "snmp/snmpcodec.h"
-#include "zelta/text.h"
 #include "zelta/logging.h"
-#include "zelta/mibtypes.h"
+#include "zelta/text.h"
 
 namespace Quorvel::Kvan::SNMP {
 
@@ -114,15 +113,15 @@ const PendingRow* creationBeyondLimit(const PendingSet& pending, size_t held, si
 
 // ---- The Net-SNMP handler
 
-struct DynMibTable::Handler {
+struct DynMibTable::Impl::Handler {
   static int handle(netsnmp_mib_handler* handler, netsnmp_handler_registration* reginfo,
                     netsnmp_agent_request_info* reqinfo, netsnmp_request_info* requests) {
     return internal::guardHandler([&] { return handleUnguarded(handler, reginfo, reqinfo, requests); }, requests);
   }
   static int handleUnguarded(netsnmp_mib_handler* handler, netsnmp_handler_registration* reginfo,
                              netsnmp_agent_request_info* reqinfo, netsnmp_request_info* requests) {
-    auto* self = static_cast<DynMibTable*>(handler->myvoid);
-    std::lock_guard lock(agentLock());
+    auto* self = static_cast<Impl*>(handler->myvoid);
+    LibraryLockGuard lock(libraryMutex());
     switch (reqinfo->mode) {
       case MODE_GET:
       case MODE_GETNEXT:
@@ -178,11 +177,11 @@ struct DynMibTable::Handler {
   }
 };
 
-void DynMibTable::get_request(netsnmp_agent_request_info_s* reqinfo, netsnmp_request_info_s* request) {
+void DynMibTable::Impl::get_request(netsnmp_agent_request_info* reqinfo, netsnmp_request_info* request) {
   CellName name;
   // Outside the columns, or made NOACCESS at run time: hidden like a table
   // never published.
-  if (get_access() == NOACCESS || !name.parse(*this, *request->requestvb) || served.empty() ||
+  if (owner.get_access() == NOACCESS || !name.parse(owner, *request->requestvb) || served.empty() ||
       name.column < served.front() || name.column > served.back()) {
     netsnmp_set_request_error(reqinfo, request, SNMP_NOSUCHOBJECT);
     return;
@@ -194,7 +193,7 @@ void DynMibTable::get_request(netsnmp_agent_request_info_s* reqinfo, netsnmp_req
     netsnmp_set_request_error(reqinfo, request, SNMP_NOSUCHINSTANCE);
     return;
   }
-  if (!callFiller(scratch, column)) {
+  if (!owner.callFiller(scratch, column)) {
     internal::setReadError(reqinfo, request, SNMP_ERR_RESOURCEUNAVAILABLE);
     return;
   }
@@ -206,11 +205,11 @@ void DynMibTable::get_request(netsnmp_agent_request_info_s* reqinfo, netsnmp_req
     answer(reqinfo, request, row->first, row->second, column);
 }
 
-void DynMibTable::get_next_request(netsnmp_agent_request_info_s* reqinfo, netsnmp_request_info_s* request) {
+void DynMibTable::Impl::get_next_request(netsnmp_agent_request_info* reqinfo, netsnmp_request_info* request) {
   // Hidden at run time: the agent goes on with the next registration.
-  if (get_access() == NOACCESS || served.empty()) return;
+  if (owner.get_access() == NOACCESS || served.empty()) return;
   netsnmp_variable_list* vb = request->requestvb;
-  const size_t entryLength = oidLength();
+  const size_t entryLength = owner.oidLength();
   const auto& rows = table().getRows();
   // Where the walk starts: the first served column at or after the name's,
   // and in the name's own column the first row after its index (at it, for
@@ -219,8 +218,8 @@ void DynMibTable::get_next_request(netsnmp_agent_request_info_s* reqinfo, netsnm
   auto row = rows.begin();
   CellName named;
   oid name[MAX_OID_LEN];
-  std::copy(oidData(), oidData() + entryLength, name);
-  if (named.parse(*this, *vb)) {
+  std::copy(owner.oidData(), owner.oidData() + entryLength, name);
+  if (named.parse(owner, *vb)) {
     column = std::lower_bound(served.begin(), served.end(), named.column);
     if (column != served.end() && *column == named.column) {
       scratch.assign(named.index, named.index + named.indexLength);
@@ -243,7 +242,7 @@ void DynMibTable::get_next_request(netsnmp_agent_request_info_s* reqinfo, netsnm
       // the agent goes on with the next one.
       if (snmp_oid_compare(name, length, request->range_end, request->range_end_len) >= 0) return;
       scratch.assign(indexes.begin(), indexes.end());
-      if (!callFiller(scratch, *column)) {
+      if (!owner.callFiller(scratch, *column)) {
         snmp_set_var_objid(vb, name, length);
         internal::setReadError(reqinfo, request, SNMP_ERR_RESOURCEUNAVAILABLE);
         return;
@@ -261,7 +260,7 @@ void DynMibTable::get_next_request(netsnmp_agent_request_info_s* reqinfo, netsnm
   }
 }
 
-void DynMibTable::answer(netsnmp_agent_request_info_s* reqinfo, netsnmp_request_info_s* request, const RowIdx& indexes,
+void DynMibTable::Impl::answer(netsnmp_agent_request_info* reqinfo, netsnmp_request_info* request, const RowIdx& indexes,
                          const TableRow& row, unsigned int column) {
   if (column == rowStatusColumn) {
     const long status = table().getRowStatus(indexes);
@@ -283,16 +282,16 @@ void DynMibTable::answer(netsnmp_agent_request_info_s* reqinfo, netsnmp_request_
   codec.answer(request->requestvb, cell);
 }
 
-ZELTA_COLD void DynMibTable::prepare_set_request(netsnmp_agent_request_info_s* reqinfo, netsnmp_request_info_s* request,
+ZELTA_COLD void DynMibTable::Impl::prepare_set_request(netsnmp_agent_request_info* reqinfo, netsnmp_request_info* request,
                                       void* pendingData) {
   auto& pending = *static_cast<PendingSet*>(pendingData);
   const netsnmp_variable_list& vb = *request->requestvb;
   CellName name;
-  const bool below = name.parse(*this, vb);
+  const bool below = name.parse(owner, vb);
   const unsigned long column = name.column;
   int status = SNMP_ERR_NOERROR;
   const RowIdx indexes(name.index, name.index + name.indexLength);
-  if (get_access() < READWRITE || !below || served.empty() || column < served.front() || column > served.back()) {
+  if (owner.get_access() < READWRITE || !below || served.empty() || column < served.front() || column > served.back()) {
     status = SNMP_ERR_NOTWRITABLE;
   } else if (indexes.empty() || (numIdx != -1 && indexes.size() != static_cast<size_t>(numIdx))) {
     // No row can ever have this index.
@@ -331,7 +330,7 @@ ZELTA_COLD void DynMibTable::prepare_set_request(netsnmp_agent_request_info_s* r
   if (status != SNMP_ERR_NOERROR) netsnmp_set_request_error(reqinfo, request, status);
 }
 
-ZELTA_COLD void DynMibTable::check_row_transitions(netsnmp_agent_request_info_s* reqinfo, void* pendingRef) {
+ZELTA_COLD void DynMibTable::Impl::check_row_transitions(netsnmp_agent_request_info* reqinfo, void* pendingRef) {
   auto& pending = *static_cast<PendingSet*>(pendingRef);
   for (PendingRow& row : pending.rows) {
     netsnmp_request_info* blame = row.statusRequest != nullptr ? row.statusRequest : row.cells.front().request;
@@ -369,12 +368,12 @@ ZELTA_COLD void DynMibTable::check_row_transitions(netsnmp_agent_request_info_s*
       netsnmp_set_request_error(reqinfo, blame, status);
     }
   }
-  const size_t limit = getMaxRows();
+  const size_t limit = maxRowCount.load();
   const PendingRow* beyond = limit != 0 ? creationBeyondLimit(pending, table().getRows().size(), limit) : nullptr;
   if (beyond != nullptr) netsnmp_set_request_error(reqinfo, beyond->statusRequest, SNMP_ERR_RESOURCEUNAVAILABLE);
 }
 
-ZELTA_COLD void DynMibTable::validate_set_request(netsnmp_agent_request_info_s* reqinfo, void* pendingRef) {
+ZELTA_COLD void DynMibTable::Impl::validate_set_request(netsnmp_agent_request_info* reqinfo, void* pendingRef) {
   auto& pending = *static_cast<PendingSet*>(pendingRef);
   const size_t indexColumnCount = definition->indexColumns.size();
   for (PendingRow& row : pending.rows) {
@@ -399,7 +398,7 @@ ZELTA_COLD void DynMibTable::validate_set_request(netsnmp_agent_request_info_s* 
   }
 }
 
-ZELTA_COLD void DynMibTable::commit_set_request(netsnmp_agent_request_info_s* reqinfo, void* pendingRef) {
+ZELTA_COLD void DynMibTable::Impl::commit_set_request(netsnmp_agent_request_info* reqinfo, void* pendingRef) {
   auto& pending = *static_cast<PendingSet*>(pendingRef);
   Table& rows = table();
   auto write = [&](const RowIdx& indexes, const PendingCell& c) {
@@ -408,7 +407,7 @@ ZELTA_COLD void DynMibTable::commit_set_request(netsnmp_agent_request_info_s* re
   // The row's status after the PDU: destroy once the row is gone.
   auto tellStatus = [&](const PendingRow& p) {
     const int status = rows.getRowStatus(p.indexes);
-    Notifier::committedStatus_nolock(*this, *p.statusRequest->requestvb, status != -1 ? status : kDestroy, reqinfo->asp,
+    Notifier::committedStatus_nolock(owner, *p.statusRequest->requestvb, status != -1 ? status : kDestroy, reqinfo->asp,
                                      p.statusRequest->index);
   };
   for (PendingRow& pendingRow : pending.rows) {
@@ -424,7 +423,7 @@ ZELTA_COLD void DynMibTable::commit_set_request(netsnmp_agent_request_info_s* re
       row_added(indexes);
       if (pendingRow.status == kCreateAndGo) row_activated(indexes);
       for (const PendingCell& c : pendingRow.cells)
-        Notifier::committed_nolock(*this, *c.request->requestvb, reqinfo->asp, c.request->index);
+        Notifier::committed_nolock(owner, *c.request->requestvb, reqinfo->asp, c.request->index);
       tellStatus(pendingRow);
       continue;
     }
@@ -435,8 +434,8 @@ ZELTA_COLD void DynMibTable::commit_set_request(netsnmp_agent_request_info_s* re
         netsnmp_set_request_error(reqinfo, c.request, SNMP_ERR_COMMITFAILED);
         continue;
       }
-      notify("set row field value", indexes, kCellSet, static_cast<int>(c.column));
-      Notifier::committed_nolock(*this, *c.request->requestvb, reqinfo->asp, c.request->index);
+      notify_nolock("set row field value", indexes, kCellSet, static_cast<int>(c.column));
+      Notifier::committed_nolock(owner, *c.request->requestvb, reqinfo->asp, c.request->index);
     }
     if (rows.getRows().count(indexes) == 0) continue;
     if (pendingRow.status == kActive) {
@@ -452,31 +451,34 @@ ZELTA_COLD void DynMibTable::commit_set_request(netsnmp_agent_request_info_s* re
 
 // ---- Construction
 
-ZELTA_COLD DynMibTable::DynMibTable(SNMPInfo* info, Variant* boundValue) : MibEntry(*info), value(boundValue) {
-  definition = table().getDef();
+ZELTA_COLD DynMibTable::Impl::Impl(DynMibTable& table, Variant* boundValue) : owner(table), value(boundValue) {}
+
+ZELTA_COLD DynMibTable::DynMibTable(SNMPInfo* info, Variant* boundValue)
+    : MibEntry(*info), impl(std::make_unique<Impl>(*this, boundValue)) {
+  impl->definition = impl->table().getDef();
   Log["libzelta"].append(VERBOSE, "DynMibTable:  oid:   .%s\n", getOid().c_str());
-  if (definition == nullptr)
+  if (impl->definition == nullptr)
     Log["libzelta"].append(ERROR, "DynMibTable: .%s has no table definition, it cannot be published\n",
                            getOid().c_str());
-  initIndexes();
-  initRowStatus();
-  initFields();
-  initValues();
+  impl->initIndexes();
+  impl->initRowStatus();
+  impl->initFields();
+  impl->initValues();
 }
 
 ZELTA_COLD DynMibTable::~DynMibTable() {
   if (isRegistered()) {
-    std::lock_guard lock(agentLock());
-    DynMibTable::unregisterEntry();
+    LibraryLockGuard lock(libraryMutex());
+    impl->unregisterEntry_nolock();
     AgentEngine::forgetEntry_nolock(this);
   }
 }
 
-void DynMibTable::initIndexes() { numIdx = definition != nullptr ? definition->numIdx : -1; }
+void DynMibTable::Impl::initIndexes() { numIdx = definition != nullptr ? definition->numIdx : -1; }
 
-void DynMibTable::initRowStatus() { rowStatusColumn = definition != nullptr ? definition->rowStatusColumn : 0; }
+void DynMibTable::Impl::initRowStatus() { rowStatusColumn = definition != nullptr ? definition->rowStatusColumn : 0; }
 
-ZELTA_COLD void DynMibTable::initFields() {
+ZELTA_COLD void DynMibTable::Impl::initFields() {
   if (definition == nullptr) return;
   Log["libzelta"].append(VERBOSE, "DynMibTable: fields size: %d\n", static_cast<int>(definition->fields.size()));
   if (rowStatusColumn != 0) served.push_back(rowStatusColumn);
@@ -488,13 +490,13 @@ ZELTA_COLD void DynMibTable::initFields() {
     } else {
       ZELTA_TRACE();
     }
-    Log["libzelta"].append(VERBOSE, "DynMibTable: field: .%s.%u\n", getOid().c_str(), column);
+    Log["libzelta"].append(VERBOSE, "DynMibTable: field: .%s.%u\n", owner.getOid().c_str(), column);
   }
   std::sort(served.begin(), served.end());
   served.erase(std::unique(served.begin(), served.end()), served.end());
 }
 
-ZELTA_COLD void DynMibTable::initValues() {
+ZELTA_COLD void DynMibTable::Impl::initValues() {
   // The rows already in the Table are served as they are.
   LogChannel& channel = Log["libzelta"];
   if (channel.level < VERBOSE) return;
@@ -502,15 +504,15 @@ ZELTA_COLD void DynMibTable::initValues() {
     channel.append(VERBOSE, "DynMibTable: adding new row with indexes {%s}\n", Common::flatten(entry.first).c_str());
 }
 
-bool DynMibTable::makeLeaf(const FieldType& field) const {
+bool DynMibTable::Impl::makeLeaf(const FieldType& field) const {
   if (SnmpCodec::of(field.type) != nullptr) return true;
   Log["libzelta"].append(ERROR, "DynMibTable: unhandled type %d\n", static_cast<int>(field.type));
   return false;
 }
 
-bool DynMibTable::servable(const RowIdx& indexes) const {
+bool DynMibTable::Impl::servable(const RowIdx& indexes) const {
   if (indexes.empty() || (numIdx != -1 && indexes.size() != static_cast<size_t>(numIdx)) ||
-      oidLength() + 1 + indexes.size() > internal::kMaxOidLen)
+      owner.oidLength() + 1 + indexes.size() > internal::kMaxOidLen)
     return false;
   return std::all_of(indexes.begin(), indexes.end(), [](unsigned long c) { return c <= 0xFFFFFFFFul; });
 }
@@ -518,6 +520,7 @@ bool DynMibTable::servable(const RowIdx& indexes) const {
 // ---- Host operations
 
 ZELTA_COLD bool DynMibTable::addRow(std::vector<unsigned long> indexes, std::map<unsigned int, Variant> row) {
+  const int numIdx = impl->numIdx;
   if (numIdx != -1 && static_cast<size_t>(numIdx) != indexes.size()) {
     Log["libzelta"].append(DEBUG, "DynMibTable: cannot add row, indexes must be %d and %d were provided!\n", numIdx,
                            static_cast<int>(indexes.size()));
@@ -532,8 +535,8 @@ ZELTA_COLD bool DynMibTable::addRow(std::vector<unsigned long> indexes, std::map
       Log["libzelta"].append(DEBUG, "DynMibTable: cannot add row, index component %lu is above 32 bits\n", component);
       return false;
     }
-  std::lock_guard lock(agentLock());
-  Table& rows = table();
+  LibraryLockGuard lock(libraryMutex());
+  Table& rows = impl->table();
   rows.addOrUpdateRow(indexes);
   // A cell of a kind the column does not take keeps its value.
   for (const auto& [column, cell] : row) rows.setCellValue(indexes, column, cell);
@@ -549,23 +552,23 @@ ZELTA_COLD bool DynMibTable::isRowActive(const std::vector<unsigned long>& index
 }
 
 ZELTA_COLD void DynMibTable::removeRow(const std::vector<unsigned long>& indexes) {
-  std::lock_guard lock(agentLock());
-  Table& rows = table();
+  LibraryLockGuard lock(libraryMutex());
+  Table& rows = impl->table();
   bool wasActive = false;
   if (rows.getRows().count(indexes) != 0) {
     ZELTA_TRACE();
     wasActive = rows.isRowActive(indexes);
   }
-  if (wasActive) notify("new row deactivated", indexes, 4, -1);
+  if (wasActive) impl->notify_nolock("new row deactivated", indexes, 4, -1);
   rows.deleteRow(indexes);
-  notify("removed row", indexes, 2, -1);
+  impl->notify_nolock("removed row", indexes, 2, -1);
 }
 
 ZELTA_COLD void DynMibTable::removeRow(const std::string& index) { removeRow(convertToIndexOids(index)); }
 
 ZELTA_COLD Variant* DynMibTable::getCell(const std::vector<unsigned long>& indexes, const unsigned int& column) {
-  std::lock_guard lock(agentLock());
-  Table& rows = table();
+  LibraryLockGuard lock(libraryMutex());
+  Table& rows = impl->table();
   if (rows.getRows().count(indexes) != 0) {
     TableRow& row = rows[indexes];
     auto cell = row.find(column);
@@ -577,23 +580,23 @@ ZELTA_COLD Variant* DynMibTable::getCell(const std::vector<unsigned long>& index
 
 ZELTA_COLD bool DynMibTable::setCellValue(const std::vector<unsigned long>& indexes, const unsigned int& column,
                                const long& newValue) {
-  std::lock_guard lock(agentLock());
-  const FieldType* field = writableCell(indexes, column);
+  LibraryLockGuard lock(libraryMutex());
+  const FieldType* field = impl->writableCell_nolock(indexes, column);
   Variant converted;
   return field != nullptr &&
-         storeCell(indexes, column, ValueCodec::of(field->type)->fromNumber(newValue, converted), converted);
+         impl->storeCell_nolock(indexes, column, ValueCodec::of(field->type)->fromNumber(newValue, converted), converted);
 }
 
 ZELTA_COLD bool DynMibTable::setCellValue(const std::vector<unsigned long>& indexes, const unsigned int& column,
                                const std::string& newValue) {
-  std::lock_guard lock(agentLock());
-  const FieldType* field = writableCell(indexes, column);
+  LibraryLockGuard lock(libraryMutex());
+  const FieldType* field = impl->writableCell_nolock(indexes, column);
   Variant converted;
   return field != nullptr &&
-         storeCell(indexes, column, ValueCodec::of(field->type)->fromText(newValue, converted), converted);
+         impl->storeCell_nolock(indexes, column, ValueCodec::of(field->type)->fromText(newValue, converted), converted);
 }
 
-ZELTA_COLD const FieldType* DynMibTable::writableCell(const RowIdx& indexes, unsigned int column) {
+ZELTA_COLD const FieldType* DynMibTable::Impl::writableCell_nolock(const RowIdx& indexes, unsigned int column) {
   const FieldType* field = nullptr;
   if (definition != nullptr && table().getRows().count(indexes) != 0) {
     auto found = definition->fields.find(column);
@@ -603,7 +606,7 @@ ZELTA_COLD const FieldType* DynMibTable::writableCell(const RowIdx& indexes, uns
   return field;
 }
 
-ZELTA_COLD bool DynMibTable::storeCell(const RowIdx& indexes, unsigned int column, bool converted, const Variant& cell) {
+ZELTA_COLD bool DynMibTable::Impl::storeCell_nolock(const RowIdx& indexes, unsigned int column, bool converted, const Variant& cell) {
   // A value the cell cannot take (a number for a string column, a text that
   // is no address) leaves it as it was.
   if (converted && table().setCellValue(indexes, column, cell)) return true;
@@ -612,8 +615,8 @@ ZELTA_COLD bool DynMibTable::storeCell(const RowIdx& indexes, unsigned int colum
 }
 
 int DynMibTable::getRowStatus(const std::vector<unsigned long>& indexes) {
-  std::lock_guard lock(agentLock());
-  return table().getRowStatus(indexes);
+  LibraryLockGuard lock(libraryMutex());
+  return impl->table().getRowStatus(indexes);
 }
 
 int DynMibTable::getRowStatus(const std::string& index) { return getRowStatus(convertToIndexOids(index)); }
@@ -630,8 +633,8 @@ ZELTA_COLD std::vector<unsigned long> DynMibTable::convertToIndexOids(const std:
 
 ZELTA_COLD bool DynMibTable::findCellCoords(const std::string& text, std::vector<unsigned long>& indexes, int& column) {
   std::vector<unsigned long> parts = convertToIndexOids(text);
-  std::lock_guard lock(agentLock());
-  const auto& rows = table().getRows();
+  LibraryLockGuard lock(libraryMutex());
+  const auto& rows = impl->table().getRows();
   for (size_t n = 1; n <= 7 && n < parts.size(); ++n) {
     RowIdx candidate(parts.end() - static_cast<std::ptrdiff_t>(n), parts.end());
     if (rows.count(candidate) != 0) {
@@ -648,14 +651,14 @@ ZELTA_COLD bool DynMibTable::isNewRowCreationRequest(const std::string& text, st
   const std::vector<unsigned long> entry = oidParts();
   size_t length = entry.size();
   if (length == 0 || parts.size() <= length || !std::equal(entry.begin(), entry.end(), parts.begin())) return false;
-  if (parts[length] != rowStatusColumn) return false;
+  if (parts[length] != impl->rowStatusColumn) return false;
   indexes.assign(parts.begin() + static_cast<std::ptrdiff_t>(length) + 1, parts.end());
   return true;
 }
 
 ZELTA_COLD void DynMibTable::refreshDataOnCreateRow(const std::vector<unsigned long>& indexes) {
-  std::lock_guard lock(agentLock());
-  const auto& rows = table().getRows();
+  LibraryLockGuard lock(libraryMutex());
+  const auto& rows = impl->table().getRows();
   auto it = rows.find(indexes);
   const TableRow* mtRow = it == rows.end() ? nullptr : &it->second;
   ZELTA_ASSERT(mtRow != nullptr, "mtRow != __null");
@@ -663,53 +666,59 @@ ZELTA_COLD void DynMibTable::refreshDataOnCreateRow(const std::vector<unsigned l
 
 bool DynMibTable::callFiller(const std::vector<unsigned long>& indexes, unsigned int column) {
   ExtraInfo info(indexes, kCellSet, static_cast<int>(column));
-  return value->callFiller(&info);
+  return impl->value->callFiller(&info);
 }
 
 void DynMibTable::setAccess(mib_access mode) { storeAccess(mode); }
 
+const TableDef* DynMibTable::getDefinition() const { return impl->definition; }
+
+void DynMibTable::setMaxRows(size_t limit) { impl->maxRowCount.store(limit); }
+
+size_t DynMibTable::getMaxRows() const { return impl->maxRowCount.load(); }
+
 // ---- Row events
 
-ZELTA_COLD void DynMibTable::notify(const char* reason, const RowIdx& indexes, int actionCode, int column) {
+ZELTA_COLD void DynMibTable::Impl::notify_nolock(const char* reason, const RowIdx& indexes, int actionCode, int column) {
   // Without a listener nobody would free the ExtraInfo.
   if (value->getListener() == nullptr) return;
   value->notifyListener(reason, new ExtraInfo(indexes, actionCode, column));
 }
 
-ZELTA_COLD void DynMibTable::row_added(const RowIdx& indexes) { notify("new row created", indexes, 1, -1); }
+ZELTA_COLD void DynMibTable::Impl::row_added(const RowIdx& indexes) { notify_nolock("new row created", indexes, 1, -1); }
 
-ZELTA_COLD void DynMibTable::row_activated(const RowIdx& indexes) {
+ZELTA_COLD void DynMibTable::Impl::row_activated(const RowIdx& indexes) {
   if (table().isRowActive(indexes)) return;
   table().setRowStatus(indexes, true);
-  notify("new row activated", indexes, 3, -1);
+  notify_nolock("new row activated", indexes, 3, -1);
 }
 
-ZELTA_COLD void DynMibTable::row_deactivated(const RowIdx& indexes) {
+ZELTA_COLD void DynMibTable::Impl::row_deactivated(const RowIdx& indexes) {
   if (!table().isRowActive(indexes)) return;
-  notify("new row deactivated", indexes, 4, -1);
+  notify_nolock("new row deactivated", indexes, 4, -1);
   // The listener may have removed the row meanwhile (then this does nothing).
   table().setRowStatus(indexes, false);
 }
 
-ZELTA_COLD void DynMibTable::row_delete(const RowIdx& indexes) {
+ZELTA_COLD void DynMibTable::Impl::row_delete(const RowIdx& indexes) {
   Table& rows = table();
   if (rows.getRows().count(indexes) == 0) return;
-  if (rows.isRowActive(indexes)) notify("new row deactivated", indexes, 4, -1);
+  if (rows.isRowActive(indexes)) notify_nolock("new row deactivated", indexes, 4, -1);
   rows.deleteRow(indexes);
-  notify("new row deleted", indexes, 2, -1);
+  notify_nolock("new row deleted", indexes, 2, -1);
 }
 
 // ---- Registration
 
-ZELTA_COLD bool DynMibTable::registerEntry() {
-  if (isRegistered()) return true;
-  const std::vector<unsigned long> entry = oidParts();
+ZELTA_COLD bool DynMibTable::Impl::registerEntry_nolock() {
+  if (owner.isRegistered()) return true;
+  const std::vector<unsigned long> entry = owner.oidParts();
   if (entry.size() < 2 || entry.back() != 1) {
-    Log["libzelta"].append(ERROR, "DynMibTable: .%s is not a table entry OID (it must end in .1)\n", getOid().c_str());
+    Log["libzelta"].append(ERROR, "DynMibTable: .%s is not a table entry OID (it must end in .1)\n", owner.getOid().c_str());
     return false;
   }
   if (definition == nullptr || rowStatusColumn == 0) {
-    Log["libzelta"].append(ERROR, "DynMibTable: .%s has no RowStatus column\n", getOid().c_str());
+    Log["libzelta"].append(ERROR, "DynMibTable: .%s has no RowStatus column\n", owner.getOid().c_str());
     return false;
   }
   // The table OID: the handler sees everything below it and answers what
@@ -721,15 +730,15 @@ ZELTA_COLD bool DynMibTable::registerEntry() {
   // On failure Net-SNMP frees the registration itself.
   if (netsnmp_register_handler(reg) != MIB_REGISTERED_OK) return false;
   registration = reg;
-  setRegistered(true);
+  owner.setRegistered(true);
   return true;
 }
 
-ZELTA_COLD void DynMibTable::unregisterEntry() {
+ZELTA_COLD void DynMibTable::Impl::unregisterEntry_nolock() {
   if (registration == nullptr) return;
   netsnmp_unregister_handler(registration);
   registration = nullptr;
-  setRegistered(false);
+  owner.setRegistered(false);
 }
 
 }  // namespace Quorvel::Kvan::SNMP

@@ -14,6 +14,8 @@
 
 #include <string>
 
+#include "base/liblock.h"
+
 namespace Quorvel::Kvan::SNMP {
 
 // RFC 3414: snmpEngineBoots stays at its maximum once reached, and every
@@ -46,8 +48,7 @@ std::string randomEngineId();
 EngineIdentity startFromStateFile(const std::string& path, const std::string& fixedIdText);
 
 // Hands the identity to Net-SNMP: before init_snmp, which applies it.
-// REQUIRES: agent lock held.
-void configureEngineIdentity(const EngineIdentity& identity);
+void configureEngineIdentity(const EngineIdentity& identity) REQUIRES(libraryMutex());
 
 }  // namespace Quorvel::Kvan::SNMP
 

@@ -1,14 +1,12 @@
 // The seven scalar leaves: the steps of a request on one scalar. The agent's
 // scalar index registers them and dispatches requests to them.
-#include "snmp/snmpinternal.h"
+#include "snmp/mibleaves.h"
 
 #include <cstring>
 
 #include "snmp/agentengine.h"
 #include "snmp/snmpcodec.h"
-#include "zelta/common.h"
 #include "zelta/logging.h"
-#include "zelta/mibtypes.h"
 
 namespace Quorvel::Kvan::SNMP {
 
@@ -37,8 +35,8 @@ bool MibLeaf::getBounds(long& min, long& max) const {
 
 MibLeaf::~MibLeaf() {
   if (isRegistered()) {
-    std::lock_guard lock(agentLock());
-    MibLeaf::unregisterEntry();
+    LibraryLockGuard lock(libraryMutex());
+    setRegistered(false);
     AgentEngine::forgetEntry_nolock(this);
   }
 }
@@ -65,7 +63,7 @@ const char* setReason(ValueType type) {
 
 // Type, length and a string's length bounds, then the validator, then an
 // integer's range: 0 or the status of the first check that fails.
-int checkValue(ValueType type, bool bounded, uint32_t min, uint32_t max, Variant& value, const ::variable_list& vb) {
+int checkValue(ValueType type, bool bounded, uint32_t min, uint32_t max, Variant& value, const netsnmp_variable_list& vb) {
   const SnmpCodec* codec = SnmpCodec::of(type);
   const Bounds bounds = bounded ? Bounds::of(min, max) : Bounds();
   SnmpValue checked;
@@ -82,52 +80,42 @@ int checkValue(ValueType type, bool bounded, uint32_t min, uint32_t max, Variant
 
 }  // namespace
 
-int MibLeaf::check_set(const ::variable_list& vb) {
+int MibLeaf::Internal::check_set(MibLeaf& leaf, const netsnmp_variable_list& vb) {
   // Writability is checked per request, so that setAccess takes effect on
   // the next one.
-  if (get_access() < READWRITE) return SNMP_ERR_NOTWRITABLE;
-  return checkValue(type, bounded, boundMin, boundMax, *value, vb);
+  if (leaf.get_access() < READWRITE) return SNMP_ERR_NOTWRITABLE;
+  return checkValue(leaf.type, leaf.bounded, leaf.boundMin, leaf.boundMax, *leaf.value, vb);
 }
 
-bool MibLeaf::value_ok(const ::variable_list& vb) {
-  return checkValue(type, bounded, boundMin, boundMax, *value, vb) == SNMP_ERR_NOERROR;
+bool MibLeaf::Internal::value_ok(MibLeaf& leaf, const netsnmp_variable_list& vb) {
+  return checkValue(leaf.type, leaf.bounded, leaf.boundMin, leaf.boundMax, *leaf.value, vb) == SNMP_ERR_NOERROR;
 }
 
-int MibLeaf::set_value(const ::variable_list& vb) {
+int MibLeaf::Internal::set_value(MibLeaf& leaf, const netsnmp_variable_list& vb) {
   // A leaf made read-only after the checks ignores the write.
-  if (get_access() < READWRITE) return SNMP_ERR_NOERROR;
-  const SnmpCodec* codec = SnmpCodec::of(type);
+  if (leaf.get_access() < READWRITE) return SNMP_ERR_NOERROR;
+  const SnmpCodec* codec = SnmpCodec::of(leaf.type);
   SnmpValue checked;
   if (codec->checkSet(vb, Bounds(), checked) != SNMP_ERR_NOERROR) return SNMP_ERR_WRONGTYPE;
-  *value = codec->fromSnmp(checked);
-  value->notifyListener(setReason(type), nullptr);
+  *leaf.value = codec->fromSnmp(checked);
+  leaf.value->notifyListener(setReason(leaf.type), nullptr);
   return SNMP_ERR_NOERROR;
 }
 
-void MibLeaf::prefetchValue() const {
-  __builtin_prefetch(value);
-  __builtin_prefetch(value->getListener());
-}
-
-bool MibLeaf::get_request(netsnmp_agent_request_info_s* reqinfo, netsnmp_request_info_s* request) {
-  if (!value->callFiller(nullptr)) {
+bool MibLeaf::Internal::get_request(MibLeaf& leaf, netsnmp_agent_request_info* reqinfo,
+                                    netsnmp_request_info* request) {
+  if (!leaf.value->callFiller(nullptr)) {
     internal::setReadError(reqinfo, request, SNMP_ERR_RESOURCEUNAVAILABLE);
     return false;
   }
-  const SnmpCodec* codec = SnmpCodec::of(type);
+  const SnmpCodec* codec = SnmpCodec::of(leaf.type);
   SnmpValue answer;
   // A parameter whose value is of another kind than its type answers its
   // type's default rather than aborting the agent.
-  if (!codec->toSnmp(*value, answer)) codec->toSnmp(codec->defaultValue(), answer);
+  if (!codec->toSnmp(*leaf.value, answer)) codec->toSnmp(codec->defaultValue(), answer);
   codec->answer(request->requestvb, answer);
   return true;
 }
-
-// Leaves are registered by the agent's scalar index, a few registrations for
-// all of them; a leaf alone has nothing to register.
-bool MibLeaf::registerEntry() { return false; }
-
-void MibLeaf::unregisterEntry() { setRegistered(false); }
 
 // ---- The seven leaves: a value type and its bounds.
 

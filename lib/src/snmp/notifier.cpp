@@ -10,10 +10,11 @@
 
 #include "base/liblock.h"
 #include "snmp/agentengine.h"
+#include "snmp/dynmibtable.h"
+#include "snmp/mibleaves.h"
 #include "snmp/notifier.h"
 #include "snmp/snmpcodec.h"
 #include "zelta/logging.h"
-#include "zelta/mibtypes.h"
 
 // Net-SNMP's notification originator for SNMP-NOTIFICATION-MIB
 // (libnetsnmpmibs); its header is not installed.
@@ -211,7 +212,7 @@ Notifier* Notifier::accepting_nolock(const MibEntry& entry) {
   return self;
 }
 
-void Notifier::committed_nolock(const MibEntry& entry, const ::variable_list& vb, const void* pdu, int position) {
+void Notifier::committed_nolock(const MibEntry& entry, const netsnmp_variable_list& vb, const void* pdu, int position) {
   Notifier* self = accepting_nolock(entry);
   if (self == nullptr) return;
   Change change;
@@ -223,7 +224,7 @@ void Notifier::committed_nolock(const MibEntry& entry, const ::variable_list& vb
   self->queue_nolock(std::move(change));
 }
 
-void Notifier::committedStatus_nolock(const MibEntry& entry, const ::variable_list& vb, long status, const void* pdu,
+void Notifier::committedStatus_nolock(const MibEntry& entry, const netsnmp_variable_list& vb, long status, const void* pdu,
                                       int position) {
   Notifier* self = accepting_nolock(entry);
   if (self == nullptr) return;
@@ -240,9 +241,9 @@ bool Notifier::leafChange_nolock(const MibEntry& entry) {
   Notifier* self = accepting_nolock(entry);
   const auto* leaf = dynamic_cast<const MibLeaf*>(&entry);
   if (self == nullptr || leaf == nullptr || entry.oidLength() == 0) return false;
-  const SnmpCodec* codec = SnmpCodec::of(leaf->type);
+  const SnmpCodec* codec = SnmpCodec::of(leaf->getType());
   SnmpValue now;
-  if (codec == nullptr || !codec->toSnmp(*leaf->value, now)) return false;
+  if (codec == nullptr || !codec->toSnmp(MibLeaf::Internal::value_nolock(*leaf), now)) return false;
   Change change;
   change.name = entry.oidParts();
   change.type = codec->asnType();
@@ -254,11 +255,12 @@ bool Notifier::leafChange_nolock(const MibEntry& entry) {
 bool Notifier::cellChange_nolock(const DynMibTable& table, const std::vector<unsigned long>& index,
                                  unsigned int column) {
   Notifier* self = accepting_nolock(table);
-  if (self == nullptr || table.oidLength() == 0 || table.definition == nullptr) return false;
-  const Table& rows = table.table();
+  const DynMibTable::Impl& served = DynMibTable::Impl::of(table);
+  if (self == nullptr || table.oidLength() == 0 || served.definition == nullptr) return false;
+  const Table& rows = served.table();
   auto row = rows.getRows().find(index);
-  auto field = table.definition->fields.find(column);
-  if (row == rows.getRows().end() || field == table.definition->fields.end()) return false;
+  auto field = served.definition->fields.find(column);
+  if (row == rows.getRows().end() || field == served.definition->fields.end()) return false;
   const SnmpCodec* codec = SnmpCodec::of(field->second.type);
   // A cell without a value yet has nothing to tell.
   if (codec == nullptr || rows.isCellUnset(index, column)) return false;
@@ -277,12 +279,13 @@ bool Notifier::cellChange_nolock(const DynMibTable& table, const std::vector<uns
 
 bool Notifier::rowChange_nolock(const DynMibTable& table, const std::vector<unsigned long>& index) {
   Notifier* self = accepting_nolock(table);
-  if (self == nullptr || table.oidLength() == 0 || table.rowStatusColumn == 0 || index.empty()) return false;
-  const int current = table.table().getRowStatus(index);
+  const DynMibTable::Impl& served = DynMibTable::Impl::of(table);
+  if (self == nullptr || table.oidLength() == 0 || served.rowStatusColumn == 0 || index.empty()) return false;
+  const int current = served.table().getRowStatus(index);
   const long status = current != -1 ? current : 6;  // destroy
   Change change;
   change.name = table.oidParts();
-  change.name.push_back(table.rowStatusColumn);
+  change.name.push_back(served.rowStatusColumn);
   change.name.insert(change.name.end(), index.begin(), index.end());
   change.type = ASN_INTEGER;
   change.value.assign(reinterpret_cast<const char*>(&status), sizeof status);

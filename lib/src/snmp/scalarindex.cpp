@@ -7,9 +7,9 @@
 
 #include "base/trace.h"
 #include "snmp/agentengine.h"
+#include "snmp/mibleaves.h"
 #include "snmp/notifier.h"
 #include "snmp/scalarindex.h"
-#include "zelta/mibtypes.h"
 
 namespace Quorvel::Kvan::SNMP {
 
@@ -41,7 +41,7 @@ struct ScalarIndex::Handler {
   static int handleUnguarded(netsnmp_mib_handler* handler, netsnmp_agent_request_info* reqinfo,
                              netsnmp_request_info* requests) {
     auto* index = static_cast<ScalarIndex*>(handler->myvoid);
-    std::lock_guard lock(agentLock());
+    LibraryLockGuard lock(libraryMutex());
     if (reqinfo->mode == MODE_GET) index->prefetch(requests);
     for (netsnmp_request_info* request = requests; request != nullptr; request = request->next) {
       if (request->processed) continue;
@@ -57,7 +57,7 @@ struct ScalarIndex::Handler {
           MibLeaf* leaf = index->find(vb->name, vb->name_length);
           // Below a scalar nothing can ever be created; elsewhere nothing is
           // writable.
-          const int status = leaf != nullptr                                      ? leaf->check_set(*vb)
+          const int status = leaf != nullptr ? MibLeaf::Internal::check_set(*leaf, *vb)
                              : index->below(vb->name, vb->name_length) != nullptr ? SNMP_ERR_NOCREATION
                                                                                   : SNMP_ERR_NOTWRITABLE;
           if (status != SNMP_ERR_NOERROR) netsnmp_set_request_error(reqinfo, request, status);
@@ -67,7 +67,7 @@ struct ScalarIndex::Handler {
           // Every binding of the PDU passed its checks: only now is anything
           // written, so a failing binding leaves every parameter unchanged.
           if (MibLeaf* leaf = index->find(vb->name, vb->name_length)) {
-            if (leaf->set_value(*vb) != SNMP_ERR_NOERROR)
+            if (MibLeaf::Internal::set_value(*leaf, *vb) != SNMP_ERR_NOERROR)
               netsnmp_set_request_error(reqinfo, request, SNMP_ERR_COMMITFAILED);
             else if (leaf->get_access() >= READWRITE)
               Notifier::committed_nolock(*leaf, *vb, reqinfo->asp, request->index);
@@ -138,7 +138,7 @@ void ScalarIndex::prefetch(netsnmp_request_info* requests) const {
   for (size_t i = 0; i < count; ++i)
     if (slots[at[i]].position != 0) __builtin_prefetch(leaves[slots[at[i]].position - 1]);
   for (size_t i = 0; i < count; ++i)
-    if (slots[at[i]].position != 0) leaves[slots[at[i]].position - 1]->prefetchValue();
+    if (slots[at[i]].position != 0) MibLeaf::Internal::prefetchValue(*leaves[slots[at[i]].position - 1]);
 }
 
 void ScalarIndex::rehash() {
@@ -169,7 +169,7 @@ void ScalarIndex::get(netsnmp_agent_request_info* reqinfo, netsnmp_request_info*
   MibLeaf* leaf = find(vb->name, vb->name_length);
   // An object made NOACCESS at run time is hidden like one never published.
   if (leaf != nullptr && leaf->get_access() != NOACCESS)
-    leaf->get_request(reqinfo, request);
+    MibLeaf::Internal::get_request(*leaf, reqinfo, request);
   else
     netsnmp_set_request_error(
         reqinfo, request,
@@ -188,7 +188,7 @@ void ScalarIndex::getNext(netsnmp_agent_request_info* reqinfo, netsnmp_request_i
     oid name[MAX_OID_LEN];
     std::copy((*it)->oidData(), (*it)->oidData() + (*it)->oidLength(), name);
     snmp_set_var_objid(vb, name, (*it)->oidLength());
-    (*it)->get_request(reqinfo, request);
+    MibLeaf::Internal::get_request(**it, reqinfo, request);
     return;
   }
 }
@@ -280,13 +280,13 @@ ZELTA_COLD void ScalarIndex::build(const std::vector<MibLeaf*>& candidates, std:
     record.leaf = leaf;
     std::copy(leaf->oidData(), leaf->oidData() + std::min<size_t>(length, Record::kInline), record.sub);
     records.push_back(record);
-    leaf->registered = true;
+    MibLeaf::Internal::setRegistered_nolock(*leaf, true);
   }
   // In OID order; of two leaves on one OID the earlier one is published.
   std::sort(records.begin(), records.end(),
             [](const Record& a, const Record& b) { return a.before(b) || (!b.before(a) && a.position < b.position); });
   auto refuse = [&](const Record& record) {
-    record.leaf->registered = false;
+    MibLeaf::Internal::setRegistered_nolock(*record.leaf, false);
     refused.push_back(record.position);
   };
   size_t kept = 0;
@@ -352,7 +352,7 @@ ZELTA_COLD void ScalarIndex::build(const std::vector<MibLeaf*>& candidates, std:
 }
 
 void ScalarIndex::clear() {
-  for (MibLeaf* leaf : leaves) leaf->registered = false;
+  for (MibLeaf* leaf : leaves) MibLeaf::Internal::setRegistered_nolock(*leaf, false);
   leaves.clear();
   slots.clear();
   for (netsnmp_handler_registration* reg : roots) netsnmp_unregister_handler(reg);

@@ -1,7 +1,9 @@
 // SNMPAgent: the agent thread around the Net-SNMP engine.
 #include "zelta/snmpagent.h"
 
+#include <atomic>
 #include <functional>
+#include <thread>
 
 #include "base/liblock.h"
 #include "snmp/agentengine.h"
@@ -11,51 +13,75 @@
 
 namespace Quorvel::Kvan::SNMP {
 
-SNMPAgent::SNMPAgent(ParamManager* paramManager, int port)
-    : manager(paramManager), engine(std::make_unique<AgentEngine>()), notifier(std::make_unique<Notifier>()) {
-  options.port = port;
+struct SNMPAgent::Impl {
+  Impl(ParamManager* paramManager, const Options& agentOptions) : options(agentOptions), manager(paramManager) {}
+
+  void handleRequests();
+  bool initializeAgent();
+  void initMib();
+  void forEachPublished(const std::function<void(const std::string&, MibEntry*, mib_access)>& visit) const;
+
+  Options options;
+  std::atomic<bool> running{false};
+  std::atomic<bool> stopRequested{false};
+  std::atomic<bool> finished{false};
+  ParamManager* manager;
+  std::unique_ptr<std::thread> thread;
+  AgentEngine engine;
+  Notifier notifier;
+  int readOnlyCount = 0;
+  int readWriteCount = 0;
+  std::vector<std::pair<std::string, MibEntry*>> extraEntries;
+  std::vector<std::pair<std::string, const MibEntry*>> entries;
+};
+
+SNMPAgent::SNMPAgent(ParamManager* paramManager, int port) : impl(std::make_unique<Impl>(paramManager, Options())) {
+  impl->options.port = port;
 }
 
 SNMPAgent::SNMPAgent(ParamManager* paramManager, const Options& agentOptions)
-    : options(agentOptions),
-      manager(paramManager),
-      engine(std::make_unique<AgentEngine>()),
-      notifier(std::make_unique<Notifier>()) {}
+    : impl(std::make_unique<Impl>(paramManager, agentOptions)) {}
 
 SNMPAgent::~SNMPAgent() {
   // The owner stops and joins first; a forgotten join must not abort the
   // process through std::thread's destructor.
-  if (thread && thread->joinable()) {
+  if (impl->thread && impl->thread->joinable()) {
     stop();
-    thread->join();
+    impl->thread->join();
   }
 }
 
 void SNMPAgent::start() {
-  if (thread && thread->joinable()) {
+  if (impl->thread && impl->thread->joinable()) {
     Log["libzelta"].append(WARNING, "SNMPAgent: already started\n");
     return;
   }
-  stopRequested = false;
-  finished = false;
-  thread = std::make_unique<std::thread>(&SNMPAgent::handleRequests, this);
+  impl->stopRequested = false;
+  impl->finished = false;
+  impl->thread = std::make_unique<std::thread>(&Impl::handleRequests, impl.get());
 }
 
 void SNMPAgent::stop() {
-  stopRequested = true;
-  running = false;
-  engine->wakeUp();  // no need to sit out the rest of a 2-second wait
+  impl->stopRequested = true;
+  impl->running = false;
+  impl->engine.wakeUp();  // no need to sit out the rest of a 2-second wait
 }
 
 void SNMPAgent::waitForFinish() {
-  if (thread && thread->joinable()) thread->join();
+  if (impl->thread && impl->thread->joinable()) impl->thread->join();
 }
+
+bool SNMPAgent::isRunning() const { return impl->running.load(); }
+
+bool SNMPAgent::hasFinished() const { return impl->finished.load(); }
 
 bool SNMPAgent::isConnectedToMaster() const {
-  return running && !options.agentxMaster.empty() && AgentEngine::isConnectedToMaster();
+  return impl->running && isSubagent(impl->options) && AgentEngine::isConnectedToMaster();
 }
 
-void SNMPAgent::addEntry(const std::string& key, MibEntry* entry) { extraEntries.emplace_back(key, entry); }
+void SNMPAgent::addEntry(const std::string& key, MibEntry* entry) { impl->extraEntries.emplace_back(key, entry); }
+
+const std::vector<std::pair<std::string, const MibEntry*>>& SNMPAgent::getEntries() const { return impl->entries; }
 
 bool SNMPAgent::notifyChange(const MibEntry& entry) {
   bool queued = false;
@@ -63,7 +89,7 @@ bool SNMPAgent::notifyChange(const MibEntry& entry) {
     LibraryLockGuard lock(libraryMutex());
     queued = Notifier::leafChange_nolock(entry);
   }
-  if (queued) engine->wakeUp();
+  if (queued) impl->engine.wakeUp();
   return queued;
 }
 
@@ -73,7 +99,7 @@ bool SNMPAgent::notifyChange(const DynMibTable& table, const std::vector<unsigne
     LibraryLockGuard lock(libraryMutex());
     queued = Notifier::cellChange_nolock(table, index, column);
   }
-  if (queued) engine->wakeUp();
+  if (queued) impl->engine.wakeUp();
   return queued;
 }
 
@@ -83,54 +109,33 @@ bool SNMPAgent::notifyRowStatus(const DynMibTable& table, const std::vector<unsi
     LibraryLockGuard lock(libraryMutex());
     queued = Notifier::rowChange_nolock(table, index);
   }
-  if (queued) engine->wakeUp();
+  if (queued) impl->engine.wakeUp();
   return queued;
 }
 
-void SNMPAgent::handleRequests() {
+void SNMPAgent::Impl::handleRequests() {
   if (!initializeAgent()) {
     Log["libzelta"].append(WARNING, "SNMPAgent: Cannot initialize SNMP Agent!\n");
     finished = true;
     return;
   }
   running = !stopRequested;
-  notifier->start(options);
-  notifier->flush();
+  notifier.start(options);
+  notifier.flush();
   while (running && !stopRequested) {
-    engine->serveOnce(2);
-    notifier->flush();
+    engine.serveOnce(2);
+    notifier.flush();
   }
-  notifier->stop();
-  engine->shutdown();
+  notifier.stop();
+  engine.shutdown();
   running = false;
   // Written when the loop ends, not when it starts: log readers know it so.
   Log["libzelta"].append(INFO, "SNMPAgent: thread successfully started\n");
   finished = true;
 }
 
-bool SNMPAgent::initializeAgent() {
+bool SNMPAgent::Impl::initializeAgent() {
   initMib();
-  AgentConfig config;
-  config.listenAddress = options.listenAddress;
-  config.port = options.port;
-  config.roCommunity = options.roCommunity;
-  config.rwCommunity = options.rwCommunity;
-  config.v3User = options.v3User;
-  config.v3AuthPass = options.v3AuthPassphrase;
-  config.v3PrivPass = options.v3PrivPassphrase;
-  config.engineId = options.engineId;
-  config.engineStateFile = options.engineStateFile;
-  config.roSources = options.roCommunitySources;
-  config.rwSources = options.rwCommunitySources;
-  config.v3Sources = options.v3UserSources;
-  config.systemGroup = options.systemGroup;
-  config.sysDescr = options.sysDescr;
-  config.sysName = options.sysName;
-  config.sysContact = options.sysContact;
-  config.sysLocation = options.sysLocation;
-  config.persistentDir = options.persistentDir;
-  config.agentxMaster = options.agentxMaster;
-  config.agentxPingSeconds = options.agentxPingSeconds;
   std::vector<MibEntry*> toServe;
   std::vector<const std::string*> keys;
   toServe.reserve(entries.size());
@@ -139,23 +144,23 @@ bool SNMPAgent::initializeAgent() {
     toServe.push_back(const_cast<MibEntry*>(entry));
     keys.push_back(&key);
   }
-  if (!engine->initialize(config, toServe, &keys)) {
-    if (config.isSubagent())
+  if (!engine.initialize(options, toServe, &keys)) {
+    if (isSubagent(options))
       Log["libzelta"].append(WARNING, "SNMPAgent: cannot start the AgentX subagent of %s\n",
-                             config.agentxMaster.c_str());
+                             options.agentxMaster.c_str());
     else
       Log["libzelta"].append(WARNING, "SNMPAgent: SNMP cannot listen on port %d\n", options.port);
     return false;
   }
-  if (config.isSubagent())
-    Log["libzelta"].append(INFO, "SNMPAgent: AgentX subagent of the master at %s\n", config.agentxMaster.c_str());
+  if (isSubagent(options))
+    Log["libzelta"].append(INFO, "SNMPAgent: AgentX subagent of the master at %s\n", options.agentxMaster.c_str());
   else
     Log["libzelta"].append(INFO, "SNMPAgent: SNMP listen port %d\n", options.port);
   Log["libzelta"].append(INFO, "SNMPAgent: handling %d RO entries, %d RW entries\n", readOnlyCount, readWriteCount);
   return true;
 }
 
-void SNMPAgent::forEachPublished(const std::function<void(const std::string&, MibEntry*, mib_access)>& visit) const {
+void SNMPAgent::Impl::forEachPublished(const std::function<void(const std::string&, MibEntry*, mib_access)>& visit) const {
   // A parameter's access as its SNMPInfo gives it decides, whatever its
   // object was set to since.
   auto publish = [&](const std::string& key, MibEntry* entry, mib_access access) {
@@ -179,12 +184,12 @@ void SNMPAgent::forEachPublished(const std::function<void(const std::string&, Mi
 
 std::vector<std::pair<std::string, MibEntry*>> SNMPAgent::publishedEntries() const {
   std::vector<std::pair<std::string, MibEntry*>> published;
-  forEachPublished([&](const std::string& key, MibEntry* entry, mib_access) { published.emplace_back(key, entry); });
+  impl->forEachPublished([&](const std::string& key, MibEntry* entry, mib_access) { published.emplace_back(key, entry); });
   return published;
 }
 
 // The published objects, counted by access.
-void SNMPAgent::initMib() {
+void SNMPAgent::Impl::initMib() {
   entries.clear();
   // Room for every candidate at once: the list lives as long as the agent.
   entries.reserve((manager != nullptr ? manager->getParams().size() : 0) + extraEntries.size());

@@ -101,7 +101,7 @@ bool peerName(const std::string& address, int port, std::string& peer) {
 // ones Net-SNMP's own error codes. Unknown codes are formatted in a static
 // buffer, hence the lock.
 std::string statusText(int status) {
-  std::lock_guard<std::recursive_mutex> lock(libraryLock());
+  LibraryLockGuard lock(libraryMutex());
   return status > 0 ? snmp_errstring(status) : snmp_api_errstring(status);
 }
 
@@ -112,7 +112,7 @@ class Session {
  public:
   // On failure handle() is null and `error` tells why.
   Session(const std::string& peer, std::string& error) {
-    std::lock_guard<std::recursive_mutex> lock(libraryLock());
+    LibraryLockGuard lock(libraryMutex());
     // No init_snmp: snmp_sess_init does the set-up a client needs (transport
     // domains, request-id seed) and reads no configuration. An init_snmp here
     // would turn the agent's own later init_snmp into a no-op, and the agent
@@ -136,7 +136,7 @@ class Session {
   }
   ~Session() {
     if (!sessionHandle) return;
-    std::lock_guard<std::recursive_mutex> lock(libraryLock());
+    LibraryLockGuard lock(libraryMutex());
     snmp_sess_close(sessionHandle);
   }
   Session(const Session&) = delete;
@@ -173,8 +173,8 @@ class Session {
 
 }  // namespace
 
-// Moves values between Vb and Net-SNMP's bindings; a friend of Vb.
-struct VbAccess {
+// Moves values between Vb and Net-SNMP's bindings.
+struct ZELTA_LOCAL Vb::Internal {
   // Appends `vb` to `pdu`; false when its OID or its OID value is no OID.
   static bool append(netsnmp_pdu* pdu, const Vb& vb) {
     std::vector<oid> name;
@@ -388,11 +388,11 @@ bool SNMPClient::set(const std::string& address, const int& port, const std::str
   netsnmp_pdu* pdu;
   bool built;
   {
-    std::lock_guard<std::recursive_mutex> lock(libraryLock());  // request ids are a global counter
+    LibraryLockGuard lock(libraryMutex());  // request ids are a global counter
     pdu = snmp_pdu_create(SNMP_MSG_SET);
-    built = VbAccess::append(pdu, vb);
+    built = Vb::Internal::append(pdu, vb);
     vb.setOid(objectId);
-    built = VbAccess::append(pdu, vb) && built;
+    built = Vb::Internal::append(pdu, vb) && built;
   }
   netsnmp_pdu* response = nullptr;
   int status = SNMPERR_BAD_NAME;
@@ -427,14 +427,14 @@ bool SNMPClient::get(const std::string& address, const int& port, const std::str
   if (parseOid(objectId, name)) {
     netsnmp_pdu* pdu;
     {
-      std::lock_guard<std::recursive_mutex> lock(libraryLock());  // request ids are a global counter
+      LibraryLockGuard lock(libraryMutex());  // request ids are a global counter
       pdu = snmp_pdu_create(SNMP_MSG_GET);
       snmp_add_null_var(pdu, name.data(), name.size());
     }
     status = session.exchange(pdu, response);
   }
   Vb answer;
-  if (status == 0 && (!response->variables || !VbAccess::fromVariable(*response->variables, answer)))
+  if (status == 0 && (!response->variables || !Vb::Internal::fromVariable(*response->variables, answer)))
     status = response->variables ? SNMPERR_BAD_PARSE : SNMPERR_NO_VARS;
   if (response) snmp_free_pdu(response);
   if (status != 0) {

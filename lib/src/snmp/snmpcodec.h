@@ -14,6 +14,8 @@
 #include "values/valuecodec.h"
 #include "zelta/mibtypes.h"
 
+struct variable_list;  // netsnmp_variable_list
+
 namespace Quorvel::Kvan::SNMP {
 
 // A value as SNMP carries it: INTEGER and TimeTicks in `num`; the bytes of an

@@ -31,7 +31,17 @@
 
 static_assert(std::is_same<oid, unsigned long>::value, "OIDs are kept as vectors of unsigned long");
 
-namespace Quorvel::Kvan::SNMP::internal {
+namespace Quorvel::Kvan::SNMP {
+
+// Value of an SNMP SET binding as a 32-bit number: TimeTicks unsigned,
+// INTEGER signed; anything else gives the marker 0xDEADBEEF (as a signed
+// 32-bit value, -559038737), which only a validator can refuse.
+long vbxToLong(const netsnmp_variable_list& vb);
+// Value of a binding as bytes: an IpAddress as dotted text; an OCTET STRING
+// of up to 1023 bytes as it is; anything else is logged and read as "ERROR".
+std::string vbxToString(const netsnmp_variable_list& vb);
+
+namespace internal {
 
 // Longest OID we accept from a host or a manager.
 constexpr size_t kMaxOidLen = MAX_OID_LEN;
@@ -68,6 +78,7 @@ int guardHandler(Handler&& handler, netsnmp_request_info* requests) noexcept {
   return SNMP_ERR_NOERROR;
 }
 
-}  // namespace Quorvel::Kvan::SNMP::internal
+}  // namespace internal
+}  // namespace Quorvel::Kvan::SNMP
 
 #endif  // ZELTA_SRC_SNMP_SNMPINTERNAL_H_

@@ -37,10 +37,10 @@ bool parsePrefix(const std::string& text, SourcePrefix& out) {
   return parseAddress(text.substr(0, slash), out.network) && (out.network & ~maskOf(out.length)) == 0;
 }
 
-// What the access-check hook compares with; guarded by the agent lock.
+// What the access-check hook compares with.
 struct V3Limit {
-  std::string user;
-  std::vector<SourcePrefix> allowed;
+  std::string user GUARDED_BY(libraryMutex());
+  std::vector<SourcePrefix> allowed GUARDED_BY(libraryMutex());
 };
 
 V3Limit& v3Limit() {
@@ -60,8 +60,10 @@ bool allowedSource(const netsnmp_pdu& pdu, const std::vector<SourcePrefix>& allo
   return false;
 }
 
-// The agent's first access check of a request, after authentication.
+// The agent's first access check of a request, after authentication: like
+// every call of Net-SNMP's, with the library lock held.
 int checkV3Source(int, int, void* serverArg, void*) {
+  libraryMutex().assertHeld();
   auto* view = static_cast<view_parameters*>(serverArg);
   if (view == nullptr || view->pdu == nullptr) return 0;
   const netsnmp_pdu& pdu = *view->pdu;

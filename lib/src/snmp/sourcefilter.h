@@ -15,6 +15,8 @@
 #include <string>
 #include <vector>
 
+#include "base/liblock.h"
+
 namespace Quorvel::Kvan::SNMP {
 
 // An IPv4 prefix, in host byte order.
@@ -38,9 +40,8 @@ bool isLoopbackAddress(const std::string& address);
 
 // Drops requests of the SNMPv3 `user` from sources outside `allowed`; every
 // other request passes. Holds until the engine shuts down (Net-SNMP clears
-// the hook with its other callbacks). REQUIRES: agent lock held, engine
-// initialising.
-void limitV3UserSources(const std::string& user, std::vector<SourcePrefix> allowed);
+// the hook with its other callbacks). The engine is initialising.
+void limitV3UserSources(const std::string& user, std::vector<SourcePrefix> allowed) REQUIRES(libraryMutex());
 
 }  // namespace Quorvel::Kvan::SNMP
 
