@@ -85,9 +85,14 @@ class SCOPED_CAPABILITY MutexLock {
   Mutex& mutex_;
 };
 
+// What the thread-safety analysis calls the library lock, so that it can
+// also check the order of the locks taken after it (ACQUIRED_AFTER). Only
+// declared: code takes the lock through libraryMutex().
+extern LibraryMutex libraryMutexCapability;
+
 // The one library lock. Never destroyed: detached save workers may still
 // take it during exit.
-LibraryMutex& libraryMutex();
+LibraryMutex& libraryMutex() RETURN_CAPABILITY(libraryMutexCapability);
 
 }  // namespace Quorvel::Kvan
 

@@ -23,6 +23,9 @@
 #define ACQUIRE(...) ZELTA_THREAD_ANNOTATION(acquire_capability(__VA_ARGS__))
 // The function releases a lock the caller held.
 #define RELEASE(...) ZELTA_THREAD_ANNOTATION(release_capability(__VA_ARGS__))
+// A lock that is taken only after the given ones, never while waiting for
+// them (checked with -Wthread-safety-beta).
+#define ACQUIRED_AFTER(...) ZELTA_THREAD_ANNOTATION(acquired_after(__VA_ARGS__))
 // The caller must not hold the lock (the function takes it and is not
 // reentrant).
 #define EXCLUDES(...) ZELTA_THREAD_ANNOTATION(locks_excluded(__VA_ARGS__))

@@ -479,7 +479,7 @@ void GroupFileReader::keepForeign(const char* text, size_t length) {
   *foreign += '\n';
 }
 
-// REQUIRES: library lock held (values and tables are written in place).
+// Values and tables are written in place.
 bool GroupFileReader::applyLine(const char* text, size_t length) {
   libraryMutex().assertHeld();
   std::string_view key, value;

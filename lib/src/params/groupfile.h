@@ -148,20 +148,21 @@ class GroupFileReader {
   };
 
   // Applies one line; false when reading must stop.
-  bool applyLine(const char* text, size_t length);
+  bool applyLine(const char* text, size_t length) REQUIRES(libraryMutex());
   // The line of an entry for `param`, under its current key or a former one.
   void applyEntry(Param* param, const Param::FormerName* former, std::string_view key, std::string_view value,
-                  std::string_view line);
+                  std::string_view line) REQUIRES(libraryMutex());
   void applyChecked(Param* param, const Param::FormerName* former, std::string_view key, std::string_view value,
-                    std::string_view line);
-  bool setScalar(std::string_view value, Param* param);
-  bool setTableRow(std::string_view value, Param* param, const std::map<unsigned int, unsigned int>* columns);
+                    std::string_view line) REQUIRES(libraryMutex());
+  bool setScalar(std::string_view value, Param* param) REQUIRES(libraryMutex());
+  bool setTableRow(std::string_view value, Param* param, const std::map<unsigned int, unsigned int>* columns)
+      REQUIRES(libraryMutex());
   // Reads the triplets of a table line into `row`; false at the first that
   // cannot be read.
   bool readCells(std::string_view value, const TableDef& def, TableRow& row, const Param& param,
                  const std::map<unsigned int, unsigned int>* columns);
   // A line no parameter reads, kept when the file's group keeps them.
-  void keepForeign(const char* text, size_t length);
+  void keepForeign(const char* text, size_t length) REQUIRES(libraryMutex());
 
   LineScanner scanner;
   const std::unordered_map<std::string, Param*>& params;

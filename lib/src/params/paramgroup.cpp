@@ -42,7 +42,7 @@ uint64_t nextSnapshot_nolock() REQUIRES(libraryMutex()) { return ++lastSnapshot;
 // It is taken after the text, never while waiting for the library lock: a
 // hook that saves holds the library lock already.
 struct FileWrites {
-  Mutex mutex;
+  Mutex mutex ACQUIRED_AFTER(libraryMutex());
   // Per file path, the number of the text it holds, so that a save that took
   // its text earlier but reached the file later does not overwrite a newer
   // text.
@@ -64,8 +64,8 @@ std::string fileNameOf(const std::string& path) {
 }
 
 // Removes the temporary files a power cut during a crash-safe save left next
-// to `path`. REQUIRES: the file-writes mutex (no save of ours is writing one).
-void removeStaleTemporaries(const std::string& path) {
+// to `path`; under the file-writes mutex, no save of ours is writing one.
+void removeStaleTemporaries([[maybe_unused]] FileWrites& writes, const std::string& path) REQUIRES(writes.mutex) {
   const std::string prefix = fileNameOf(path) + internal::kTempInfix;
   DIR* dir = opendir(internal::directoryOf(path).c_str());
   if (dir == nullptr) return;
@@ -202,6 +202,7 @@ bool ParamGroup::save() {
     Log["libzelta"].append(DEBUG, "ParamGroup: - [%s] already holds a newer text\n", name.c_str());
     return true;
   }
+  removeStaleTemporaries(writes, filePath);
   if (!writeFile(text)) {
     Log["libzelta"].append(ERROR, "ParamGroup: - cannot save group [%s] on file '%s'\n", name.c_str(),
                            filePath.c_str());
@@ -213,7 +214,6 @@ bool ParamGroup::save() {
 }
 
 bool ParamGroup::writeFile(const std::string& text) {
-  removeStaleTemporaries(filePath);
   if (!atomicSave) {
     FILE* file = fopen(filePath.c_str(), "w");
     if (file == nullptr) return false;

@@ -57,7 +57,7 @@ unsigned readsElsewhere GUARDED_BY(libraryMutex()) = 0;
 // Net-SNMP logs a line for every malformed datagram: alike lines are limited
 // to a few per minute, and what was held back is summed up once a minute.
 struct NetSnmpLogLimit {
-  Mutex mutex;
+  Mutex mutex ACQUIRED_AFTER(libraryMutex());
   LogRateLimiter limiter GUARDED_BY(mutex){5, std::chrono::minutes(1)};
 };
 
@@ -147,7 +147,7 @@ bool rememberCommunity(const std::string& token, const std::string& community, c
 }
 
 // The v3 user's lines; false when there is no usable user.
-bool rememberV3User(const SNMPAgent::Options& config) {
+bool rememberV3User(const SNMPAgent::Options& config) REQUIRES(libraryMutex()) {
   std::string user, auth, priv;
   if (config.v3User.empty()) return false;
   if (!configWord(config.v3User, user) || !configWord(config.v3AuthPassphrase, auth)) {
@@ -171,7 +171,7 @@ bool rememberV3User(const SNMPAgent::Options& config) {
 // file nothing remembers earlier starts, so an SNMPv3 user is served under a
 // new random engine ID each time, never under a fixed one whose boots count
 // starts at 1 again.
-void rememberEngineIdentity(const SNMPAgent::Options& config, bool servesV3) {
+void rememberEngineIdentity(const SNMPAgent::Options& config, bool servesV3) REQUIRES(libraryMutex()) {
   std::string idText;
   if (!configWord(config.engineId, idText)) idText.clear();
   EngineIdentity identity;
@@ -190,7 +190,7 @@ void rememberEngineIdentity(const SNMPAgent::Options& config, bool servesV3) {
   configureEngineIdentity(identity);
 }
 
-void rememberConfig(const SNMPAgent::Options& config) {
+void rememberConfig(const SNMPAgent::Options& config) REQUIRES(libraryMutex()) {
   // No MIB file is parsed: the agent needs none, and parsing costs start-up
   // time and file reads.
   remember("mibs :");
@@ -217,7 +217,7 @@ void rememberConfig(const SNMPAgent::Options& config) {
   }
 }
 
-void setOptions(const SNMPAgent::Options& config, const std::string& persistentDir) {
+void setOptions(const SNMPAgent::Options& config, const std::string& persistentDir) REQUIRES(libraryMutex()) {
   // Nothing is read from /etc/snmp or ~/.snmp, and no state is written.
   netsnmp_ds_set_boolean(NETSNMP_DS_LIBRARY_ID, NETSNMP_DS_LIB_DONT_READ_CONFIGS, 1);
   netsnmp_ds_set_boolean(NETSNMP_DS_LIBRARY_ID, NETSNMP_DS_LIB_DONT_PERSIST_STATE, 1);

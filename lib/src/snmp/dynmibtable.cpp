@@ -405,7 +405,7 @@ ZELTA_COLD void DynMibTable::Impl::commit_set_request(netsnmp_agent_request_info
     return rows.setCellValue(indexes, c.column, SnmpCodec::of(c.type)->fromSnmp(c.value));
   };
   // The row's status after the PDU: destroy once the row is gone.
-  auto tellStatus = [&](const PendingRow& p) {
+  auto tellStatus = [&](const PendingRow& p) REQUIRES(libraryMutex()) {
     const int status = rows.getRowStatus(p.indexes);
     Notifier::committedStatus_nolock(owner, *p.statusRequest->requestvb, status != -1 ? status : kDestroy, reqinfo->asp,
                                      p.statusRequest->index);

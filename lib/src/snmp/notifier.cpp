@@ -24,8 +24,8 @@ namespace Quorvel::Kvan::SNMP {
 
 namespace {
 
-// The running notifier, if any; guarded by the agent lock.
-Notifier* activeNotifier = nullptr;
+// The running notifier, if any.
+Notifier* activeNotifier GUARDED_BY(libraryMutex()) = nullptr;
 
 const std::vector<unsigned long> kSysUpTime = {1, 3, 6, 1, 2, 1, 1, 3, 0};
 const std::vector<unsigned long> kSnmpTrapOid = {1, 3, 6, 1, 6, 3, 1, 1, 4, 1, 0};
@@ -192,13 +192,14 @@ void Notifier::flush() {
     std::unordered_map<const void*, size_t> firstSeen;
     for (size_t i = 0; i < queued.size(); ++i)
       if (queued[i].pdu != nullptr) firstSeen.emplace(queued[i].pdu, i);
+    std::vector<std::pair<size_t, int>> keys(queued.size());
+    for (size_t i = 0; i < queued.size(); ++i) {
+      const Change& c = queued[i];
+      keys[i] = c.pdu == nullptr ? std::make_pair(i, 0) : std::make_pair(firstSeen[c.pdu], c.position);
+    }
     std::vector<size_t> order(queued.size());
     for (size_t i = 0; i < order.size(); ++i) order[i] = i;
-    auto key = [&](size_t i) {
-      const Change& c = queued[i];
-      return c.pdu == nullptr ? std::make_pair(i, 0) : std::make_pair(firstSeen[c.pdu], c.position);
-    };
-    std::stable_sort(order.begin(), order.end(), [&](size_t a, size_t b) { return key(a) < key(b); });
+    std::stable_sort(order.begin(), order.end(), [&](size_t x, size_t y) { return keys[x] < keys[y]; });
     std::vector<Change> batch;
     batch.swap(queued);
     for (size_t i : order) send_nolock(changeOid, &batch[i]);
@@ -386,7 +387,8 @@ void Notifier::logCounts_nolock(bool force) {
 
 int Notifier::informCallback(int op, ::snmp_session* /*session*/, int /*reqid*/, ::snmp_pdu* pdu, void* magic) {
   // Called from Net-SNMP's read and timeout processing on the agent thread,
-  // with the agent lock held.
+  // with the library lock held.
+  libraryMutex().assertHeld();
   Notifier* self = activeNotifier;
   if (self == nullptr) return 1;
   auto it = self->pending.find(reinterpret_cast<long>(magic));

@@ -22,6 +22,7 @@
 #include <string>
 #include <vector>
 
+#include "base/liblock.h"
 #include "zelta/snmpagent.h"
 
 struct snmp_session;
@@ -44,31 +45,32 @@ class Notifier {
   Notifier& operator=(const Notifier&) = delete;
 
   // On the agent thread once the engine is initialised: opens the sessions
-  // of the in-code targets and queues coldStart. Takes the agent lock.
+  // of the in-code targets and queues coldStart. Takes the library lock.
   void start(const SNMPAgent::Options& options);
-  // Closes the sessions and forgets what was not sent. Takes the agent lock;
-  // harmless when not started. Before the engine shuts down.
+  // Closes the sessions and forgets what was not sent. Takes the library
+  // lock; harmless when not started. Before the engine shuts down.
   void stop();
   // On the agent thread after each loop turn: sends what was queued and
-  // retries informs whose wait ran out. Takes the agent lock.
+  // retries informs whose wait ran out. Takes the library lock.
   void flush();
 
   // A SET binding that was committed to `entry`: queued when the entry opted
   // in and a notifier runs. `pdu` and `position` (the binding's place in its
   // PDU) put the notifications of one PDU in binding order.
-  // REQUIRES: agent lock held.
-  static void committed_nolock(const MibEntry& entry, const ::variable_list& vb, const void* pdu, int position);
+  static void committed_nolock(const MibEntry& entry, const ::variable_list& vb, const void* pdu, int position)
+      REQUIRES(libraryMutex());
   // A committed RowStatus binding: the row's status after the PDU.
   static void committedStatus_nolock(const MibEntry& entry, const ::variable_list& vb, long status, const void* pdu,
-                                     int position);
+                                     int position) REQUIRES(libraryMutex());
   // A change the host reports: a scalar leaf's value, a table cell's value
   // or a row's RowStatus (destroy(6) when the row is gone), read now. False
   // when nothing is queued: no notifier runs, change notifications are off,
   // the object did not opt in or has no such instance.
-  // REQUIRES: agent lock held.
-  static bool leafChange_nolock(const MibEntry& entry);
-  static bool cellChange_nolock(const DynMibTable& table, const std::vector<unsigned long>& index, unsigned int column);
-  static bool rowChange_nolock(const DynMibTable& table, const std::vector<unsigned long>& index);
+  static bool leafChange_nolock(const MibEntry& entry) REQUIRES(libraryMutex());
+  static bool cellChange_nolock(const DynMibTable& table, const std::vector<unsigned long>& index, unsigned int column)
+      REQUIRES(libraryMutex());
+  static bool rowChange_nolock(const DynMibTable& table, const std::vector<unsigned long>& index)
+      REQUIRES(libraryMutex());
 
  private:
   struct Target {
@@ -90,29 +92,32 @@ class Notifier {
     bool resendDue = false;
   };
 
-  bool openSession(Target& target);
-  static Notifier* accepting_nolock(const MibEntry& entry);
-  void queue_nolock(Change change);
-  void send_nolock(const std::vector<unsigned long>& trapOid, const Change* change);
-  void sendInform_nolock(long id, Inform& inform);
+  bool openSession(Target& target) REQUIRES(libraryMutex());
+  static Notifier* accepting_nolock(const MibEntry& entry) REQUIRES(libraryMutex());
+  void queue_nolock(Change change) REQUIRES(libraryMutex());
+  void send_nolock(const std::vector<unsigned long>& trapOid, const Change* change) REQUIRES(libraryMutex());
+  void sendInform_nolock(long id, Inform& inform) REQUIRES(libraryMutex());
   // Erases the informs that are done (acknowledged or given up).
-  void eraseDone_nolock();
-  void dropOldest_nolock();
-  void logCounts_nolock(bool force);
+  void eraseDone_nolock() REQUIRES(libraryMutex());
+  void dropOldest_nolock() REQUIRES(libraryMutex());
+  void logCounts_nolock(bool force) REQUIRES(libraryMutex());
+  // Net-SNMP's call with an inform's answer or time-out.
   static int informCallback(int op, ::snmp_session* session, int reqid, ::snmp_pdu* pdu, void* magic);
 
-  bool running = false;
-  bool subagent = false;  // an AgentX subagent: the master's receivers hear the changes too
-  std::vector<Target> targets;
-  std::vector<unsigned long> changeOid;
-  size_t maxPending = 0;
-  std::vector<Change> queued;
-  std::map<long, Inform> pending;  // by id, so the oldest comes first
-  bool informsDue = false;         // an inform was answered or needs another attempt
-  long nextId = 1;
-  size_t dropped = 0;     // pending informs dropped for room, not yet logged
-  size_t unanswered = 0;  // informs given up after their retries, not yet logged
-  std::chrono::steady_clock::time_point lastCountLog{};
+  bool running GUARDED_BY(libraryMutex()) = false;
+  // An AgentX subagent: the master's receivers hear the changes too.
+  bool subagent GUARDED_BY(libraryMutex()) = false;
+  std::vector<Target> targets GUARDED_BY(libraryMutex());
+  std::vector<unsigned long> changeOid GUARDED_BY(libraryMutex());
+  size_t maxPending GUARDED_BY(libraryMutex()) = 0;
+  std::vector<Change> queued GUARDED_BY(libraryMutex());
+  std::map<long, Inform> pending GUARDED_BY(libraryMutex());  // by id, so the oldest comes first
+  // An inform was answered or needs another attempt.
+  bool informsDue GUARDED_BY(libraryMutex()) = false;
+  long nextId GUARDED_BY(libraryMutex()) = 1;
+  size_t dropped GUARDED_BY(libraryMutex()) = 0;     // pending informs dropped for room, not yet logged
+  size_t unanswered GUARDED_BY(libraryMutex()) = 0;  // informs given up after their retries, not yet logged
+  std::chrono::steady_clock::time_point lastCountLog GUARDED_BY(libraryMutex()){};
 };
 
 }  // namespace Quorvel::Kvan::SNMP

@@ -285,7 +285,7 @@ ZELTA_COLD void ScalarIndex::build(const std::vector<MibLeaf*>& candidates, std:
   // In OID order; of two leaves on one OID the earlier one is published.
   std::sort(records.begin(), records.end(),
             [](const Record& a, const Record& b) { return a.before(b) || (!b.before(a) && a.position < b.position); });
-  auto refuse = [&](const Record& record) {
+  auto refuse = [&](const Record& record) REQUIRES(libraryMutex()) {
     MibLeaf::Internal::setRegistered_nolock(*record.leaf, false);
     refused.push_back(record.position);
   };
