@@ -1,8 +1,8 @@
 // Base64 wrappers and whole-string AES-256 encryption (zero padding, ECB).
 #include <climits>
 
-#include "zelta/encoding.h"
 #include "zelta/crypto.h"
+#include "zelta/encoding.h"
 
 namespace Quorvel::Kvan::Common {
 

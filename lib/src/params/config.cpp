@@ -43,8 +43,7 @@ struct Assignment {
 
 // The value a parameter was constructed with. A table constructed without
 // its definition (the host gave it one later) keeps the one it has.
-// REQUIRES: library lock held.
-Variant factoryValueOf(const Param& param) {
+Variant factoryValueOf(const Param& param) REQUIRES(libraryMutex()) {
   const Variant& factory = param.getFactoryValue();
   if (param.getType() == TABLE && factory.getType() == VariantType::TABLEDEF &&
       factory.getTable().getDef() == nullptr && param.getValue().getType() == VariantType::TABLEDEF)

@@ -40,7 +40,7 @@ class LogChannel;
 // The line and triplet patterns as a manager compiles them (in its
 // constructor, with REG_EXTENDED | REG_NEWLINE); lines the scanner cannot
 // judge go to them.
-struct ParamManager::Patterns {
+struct ZELTA_LOCAL ParamManager::Patterns {
   regex_t cfgRe;
   regex_t trpRe;
 };
@@ -183,7 +183,7 @@ class GroupFileReader {
 
 }  // namespace groupfile
 
-struct Param::Lineage {
+struct ZELTA_LOCAL Param::Lineage {
   std::vector<FormerName> formerNames;
   std::string heldLines;  // lines a checked load refused, each ending in "\n"
 };

@@ -190,6 +190,7 @@ bool Param::getTableCellValue(const RowIdx& idx, const unsigned int& column, Var
 }
 
 bool Param::Internal::loadScalar_nolock(Param& param, Variant&& loaded) {
+  libraryMutex().assertHeld();
   Variant& value = param.value;
   // A value of another kind than the one held (a host that gave the
   // constructor a value of another type) is refused, not asserted.

@@ -20,8 +20,7 @@ class SNMPInfo;
 
 // Gives `info` the object that serves `value`, a parameter of `type` whose
 // SET values lie in min..max (NO_RANGE in either: no range).
-using EntryMaker = void (*)(SNMP::SNMPInfo& info, Variant& value, ValueType type, unsigned long min,
-                            unsigned long max);
+using EntryMaker = void (*)(SNMP::SNMPInfo& info, Variant& value, ValueType type, unsigned long min, unsigned long max);
 
 void setEntryMaker(EntryMaker maker);
 // The registered maker; null before any SNMPInfo was made.

@@ -163,7 +163,8 @@ bool rememberV3User(const SNMPAgent::Options& config) REQUIRES(libraryMutex()) {
     remember("createUser " + user + " SHA " + auth);
     remember("rwuser " + user + " auth");
   }
-  if (!config.v3UserSources.empty()) limitV3UserSources(config.v3User, parseSources(config.v3UserSources, "SNMPv3 user"));
+  if (!config.v3UserSources.empty())
+    limitV3UserSources(config.v3User, parseSources(config.v3UserSources, "SNMPv3 user"));
   return true;
 }
 

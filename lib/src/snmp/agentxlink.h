@@ -4,7 +4,7 @@
 //
 // Net-SNMP does the work: it registers every object with the master, pings
 // it, and after a loss tries again every ping interval, registering
-// everything anew. Everything here runs on the agent thread with the agent
+// everything anew. Everything here runs on the agent thread with the library
 // lock held.
 #ifndef ZELTA_SRC_SNMP_AGENTXLINK_H_
 #define ZELTA_SRC_SNMP_AGENTXLINK_H_
@@ -27,7 +27,7 @@ void started() REQUIRES(libraryMutex());
 // Before snmp_shutdown: the session closes without a loss being told.
 void unwatch() REQUIRES(libraryMutex());
 // True while the master holds our registrations. Any thread; takes the
-// agent lock.
+// library lock.
 bool isConnected();
 // Net-SNMP passes each request from the master to the agent, and the answer
 // back, through internal sessions of its own, each with a pipe. Sets in `fds`

@@ -260,8 +260,8 @@ void DynMibTable::Impl::get_next_request(netsnmp_agent_request_info* reqinfo, ne
   }
 }
 
-void DynMibTable::Impl::answer(netsnmp_agent_request_info* reqinfo, netsnmp_request_info* request, const RowIdx& indexes,
-                         const TableRow& row, unsigned int column) {
+void DynMibTable::Impl::answer(netsnmp_agent_request_info* reqinfo, netsnmp_request_info* request,
+                               const RowIdx& indexes, const TableRow& row, unsigned int column) {
   if (column == rowStatusColumn) {
     const long status = table().getRowStatus(indexes);
     snmp_set_var_typed_value(request->requestvb, ASN_INTEGER, &status, sizeof status);
@@ -282,8 +282,8 @@ void DynMibTable::Impl::answer(netsnmp_agent_request_info* reqinfo, netsnmp_requ
   codec.answer(request->requestvb, cell);
 }
 
-ZELTA_COLD void DynMibTable::Impl::prepare_set_request(netsnmp_agent_request_info* reqinfo, netsnmp_request_info* request,
-                                      void* pendingData) {
+ZELTA_COLD void DynMibTable::Impl::prepare_set_request(netsnmp_agent_request_info* reqinfo,
+                                                       netsnmp_request_info* request, void* pendingData) {
   auto& pending = *static_cast<PendingSet*>(pendingData);
   const netsnmp_variable_list& vb = *request->requestvb;
   CellName name;
@@ -584,7 +584,8 @@ ZELTA_COLD bool DynMibTable::setCellValue(const std::vector<unsigned long>& inde
   const FieldType* field = impl->writableCell_nolock(indexes, column);
   Variant converted;
   return field != nullptr &&
-         impl->storeCell_nolock(indexes, column, ValueCodec::of(field->type)->fromNumber(newValue, converted), converted);
+         impl->storeCell_nolock(indexes, column, ValueCodec::of(field->type)->fromNumber(newValue, converted),
+                                converted);
 }
 
 ZELTA_COLD bool DynMibTable::setCellValue(const std::vector<unsigned long>& indexes, const unsigned int& column,
@@ -606,7 +607,8 @@ ZELTA_COLD const FieldType* DynMibTable::Impl::writableCell_nolock(const RowIdx&
   return field;
 }
 
-ZELTA_COLD bool DynMibTable::Impl::storeCell_nolock(const RowIdx& indexes, unsigned int column, bool converted, const Variant& cell) {
+ZELTA_COLD bool DynMibTable::Impl::storeCell_nolock(const RowIdx& indexes, unsigned int column, bool converted,
+                                                    const Variant& cell) {
   // A value the cell cannot take (a number for a string column, a text that
   // is no address) leaves it as it was.
   if (converted && table().setCellValue(indexes, column, cell)) return true;
@@ -679,13 +681,16 @@ size_t DynMibTable::getMaxRows() const { return impl->maxRowCount.load(); }
 
 // ---- Row events
 
-ZELTA_COLD void DynMibTable::Impl::notify_nolock(const char* reason, const RowIdx& indexes, int actionCode, int column) {
+ZELTA_COLD void DynMibTable::Impl::notify_nolock(const char* reason, const RowIdx& indexes, int actionCode,
+                                                 int column) {
   // Without a listener nobody would free the ExtraInfo.
   if (value->getListener() == nullptr) return;
   value->notifyListener(reason, new ExtraInfo(indexes, actionCode, column));
 }
 
-ZELTA_COLD void DynMibTable::Impl::row_added(const RowIdx& indexes) { notify_nolock("new row created", indexes, 1, -1); }
+ZELTA_COLD void DynMibTable::Impl::row_added(const RowIdx& indexes) {
+  notify_nolock("new row created", indexes, 1, -1);
+}
 
 ZELTA_COLD void DynMibTable::Impl::row_activated(const RowIdx& indexes) {
   if (table().isRowActive(indexes)) return;
@@ -714,7 +719,8 @@ ZELTA_COLD bool DynMibTable::Impl::registerEntry_nolock() {
   if (owner.isRegistered()) return true;
   const std::vector<unsigned long> entry = owner.oidParts();
   if (entry.size() < 2 || entry.back() != 1) {
-    Log["libzelta"].append(ERROR, "DynMibTable: .%s is not a table entry OID (it must end in .1)\n", owner.getOid().c_str());
+    Log["libzelta"].append(ERROR, "DynMibTable: .%s is not a table entry OID (it must end in .1)\n",
+                           owner.getOid().c_str());
     return false;
   }
   if (definition == nullptr || rowStatusColumn == 0) {

@@ -34,8 +34,7 @@ struct ZELTA_LOCAL DynMibTable::Impl {
   // The steps of a request. `pending` is the PDU's set of changes for this
   // table.
   void get_request(netsnmp_agent_request_info* reqinfo, netsnmp_request_info* request) REQUIRES(libraryMutex());
-  void get_next_request(netsnmp_agent_request_info* reqinfo, netsnmp_request_info* request)
-      REQUIRES(libraryMutex());
+  void get_next_request(netsnmp_agent_request_info* reqinfo, netsnmp_request_info* request) REQUIRES(libraryMutex());
   // RESERVE1: each binding on its own (access, index, type, length, range).
   void prepare_set_request(netsnmp_agent_request_info* reqinfo, netsnmp_request_info* request, void* pending)
       REQUIRES(libraryMutex());
@@ -76,8 +75,8 @@ struct ZELTA_LOCAL DynMibTable::Impl {
   TableDef* definition = nullptr;
   unsigned int rowStatusColumn = 0;
   int numIdx = -1;
-  std::vector<unsigned int> served;          // RowStatus and the published value columns, ascending
-  std::vector<unsigned int> withoutDefault;  // value columns a new row cannot be ready without
+  std::vector<unsigned int> served;           // RowStatus and the published value columns, ascending
+  std::vector<unsigned int> withoutDefault;   // value columns a new row cannot be ready without
   RowIdx scratch GUARDED_BY(libraryMutex());  // the index of a request, without an allocation each
   std::atomic<size_t> maxRowCount{0};
   // While registered; owned by Net-SNMP.

@@ -8,7 +8,7 @@
 // replaced crash-safely (base/atomicfile.h) before the first request.
 //
 // Thread safety: called on the agent thread while the engine initialises,
-// with the agent lock held; no state of its own.
+// with the library lock held; no state of its own.
 #ifndef ZELTA_SRC_SNMP_ENGINESTATE_H_
 #define ZELTA_SRC_SNMP_ENGINESTATE_H_
 

@@ -63,7 +63,8 @@ const char* setReason(ValueType type) {
 
 // Type, length and a string's length bounds, then the validator, then an
 // integer's range: 0 or the status of the first check that fails.
-int checkValue(ValueType type, bool bounded, uint32_t min, uint32_t max, Variant& value, const netsnmp_variable_list& vb) {
+int checkValue(ValueType type, bool bounded, uint32_t min, uint32_t max, Variant& value,
+               const netsnmp_variable_list& vb) {
   const SnmpCodec* codec = SnmpCodec::of(type);
   const Bounds bounds = bounded ? Bounds::of(min, max) : Bounds();
   SnmpValue checked;
@@ -102,8 +103,7 @@ int MibLeaf::Internal::set_value(MibLeaf& leaf, const netsnmp_variable_list& vb)
   return SNMP_ERR_NOERROR;
 }
 
-bool MibLeaf::Internal::get_request(MibLeaf& leaf, netsnmp_agent_request_info* reqinfo,
-                                    netsnmp_request_info* request) {
+bool MibLeaf::Internal::get_request(MibLeaf& leaf, netsnmp_agent_request_info* reqinfo, netsnmp_request_info* request) {
   if (!leaf.value->callFiller(nullptr)) {
     internal::setReadError(reqinfo, request, SNMP_ERR_RESOURCEUNAVAILABLE);
     return false;

@@ -225,8 +225,8 @@ void Notifier::committed_nolock(const MibEntry& entry, const netsnmp_variable_li
   self->queue_nolock(std::move(change));
 }
 
-void Notifier::committedStatus_nolock(const MibEntry& entry, const netsnmp_variable_list& vb, long status, const void* pdu,
-                                      int position) {
+void Notifier::committedStatus_nolock(const MibEntry& entry, const netsnmp_variable_list& vb, long status,
+                                      const void* pdu, int position) {
   Notifier* self = accepting_nolock(entry);
   if (self == nullptr) return;
   Change change;

@@ -8,7 +8,7 @@
 // their informs are retried by us and stay bounded: Net-SNMP offers no way to
 // drop one of its outstanding requests.
 //
-// Changes are recorded while a SET commits (agent thread, agent lock held) or
+// Changes are recorded while a SET commits (agent thread, library lock held) or
 // by a host thread, and sent by flush() once the loop turn that committed
 // them is over. Nothing here waits on the network: traps and informs are
 // single datagrams, and an inform's acknowledgement arrives through the

@@ -64,8 +64,7 @@ class ScalarIndex {
   void prefetch(netsnmp_request_info_s* requests) const REQUIRES(libraryMutex());
   // Answers one GET or GETNEXT binding.
   void get(netsnmp_agent_request_info_s* reqinfo, netsnmp_request_info_s* request) const REQUIRES(libraryMutex());
-  void getNext(netsnmp_agent_request_info_s* reqinfo, netsnmp_request_info_s* request) const
-      REQUIRES(libraryMutex());
+  void getNext(netsnmp_agent_request_info_s* reqinfo, netsnmp_request_info_s* request) const REQUIRES(libraryMutex());
 
   // An open-addressing table of the leaves by OID, for exact lookups.
   // 8 bytes: the hash's upper half, to skip most other leaves without

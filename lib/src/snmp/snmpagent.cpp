@@ -13,7 +13,7 @@
 
 namespace Quorvel::Kvan::SNMP {
 
-struct SNMPAgent::Impl {
+struct ZELTA_LOCAL SNMPAgent::Impl {
   Impl(ParamManager* paramManager, const Options& agentOptions) : options(agentOptions), manager(paramManager) {}
 
   void handleRequests();
@@ -160,7 +160,8 @@ bool SNMPAgent::Impl::initializeAgent() {
   return true;
 }
 
-void SNMPAgent::Impl::forEachPublished(const std::function<void(const std::string&, MibEntry*, mib_access)>& visit) const {
+void SNMPAgent::Impl::forEachPublished(
+    const std::function<void(const std::string&, MibEntry*, mib_access)>& visit) const {
   // A parameter's access as its SNMPInfo gives it decides, whatever its
   // object was set to since.
   auto publish = [&](const std::string& key, MibEntry* entry, mib_access access) {
@@ -184,7 +185,8 @@ void SNMPAgent::Impl::forEachPublished(const std::function<void(const std::strin
 
 std::vector<std::pair<std::string, MibEntry*>> SNMPAgent::publishedEntries() const {
   std::vector<std::pair<std::string, MibEntry*>> published;
-  impl->forEachPublished([&](const std::string& key, MibEntry* entry, mib_access) { published.emplace_back(key, entry); });
+  impl->forEachPublished(
+      [&](const std::string& key, MibEntry* entry, mib_access) { published.emplace_back(key, entry); });
   return published;
 }
 

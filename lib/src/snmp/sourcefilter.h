@@ -5,7 +5,7 @@
 // community lines, one per prefix; the v3 user by a hook on the agent's
 // access check, after the message was authenticated.
 //
-// Thread safety: everything runs on the agent thread with the agent lock
+// Thread safety: everything runs on the agent thread with the library lock
 // held, while the engine initialises (and the hook inside request
 // processing).
 #ifndef ZELTA_SRC_SNMP_SOURCEFILTER_H_
