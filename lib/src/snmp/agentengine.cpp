@@ -193,7 +193,14 @@ void rememberConfig(const AgentConfig& config) {
   // time and file reads.
   remember("mibs :");
   // A subagent's managers talk to the master, which checks who they are.
-  if (config.isSubagent()) return;
+  // It still names an engine ID of its own: Net-SNMP keeps the kind of the
+  // previous start's engine ID and cannot make up one of that kind itself.
+  if (config.isSubagent()) {
+    EngineIdentity identity;
+    identity.engineId = randomEngineId();
+    configureEngineIdentity(identity);
+    return;
+  }
   rememberCommunity("rocommunity", config.roCommunity, config.roSources, "read-only community");
   if (rememberCommunity("rwcommunity", config.rwCommunity, config.rwSources, "read-write community") &&
       !isLoopbackAddress(config.listenAddress))
