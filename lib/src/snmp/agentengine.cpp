@@ -196,7 +196,14 @@ void rememberConfig(const SNMPAgent::Options& config) REQUIRES(libraryMutex()) {
   // time and file reads.
   remember("mibs :");
   // A subagent's managers talk to the master, which checks who they are.
-  if (isSubagent(config)) return;
+  // It still names an engine ID of its own: Net-SNMP keeps the kind of the
+  // previous start's engine ID and cannot make up one of that kind itself.
+  if (isSubagent(config)) {
+    EngineIdentity identity;
+    identity.engineId = randomEngineId();
+    configureEngineIdentity(identity);
+    return;
+  }
   rememberCommunity("rocommunity", config.roCommunity, config.roCommunitySources, "read-only community");
   if (rememberCommunity("rwcommunity", config.rwCommunity, config.rwCommunitySources, "read-write community") &&
       !isLoopbackAddress(config.listenAddress))
