@@ -35,7 +35,7 @@ struct ZELTA_LOCAL SNMPAgent::Impl {
   std::vector<std::pair<std::string, const MibEntry*>> entries;
 };
 
-SNMPAgent::SNMPAgent(ParamManager* paramManager, int port) : impl(std::make_unique<Impl>(paramManager, Options())) {
+SNMPAgent::SNMPAgent(ParamManager* paramManager, int port) : SNMPAgent(paramManager, Options()) {
   impl->options.port = port;
 }
 
