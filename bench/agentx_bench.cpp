@@ -5,9 +5,9 @@
 // synchronous client) and varbinds per second of snmpbulkwalk, ours against
 // theirs through the master, ours through the master against ours on its own
 // port (the engine switches role between the two), and ours on its own port
-// against a third snmpd serving the same packages table itself; and each
-// subagent's CPU time per GET and per varbind, steadier than rates on a busy
-// machine. (Debian's snmpd 5.9 has no module `hr_swinst`: a master started
+// against a third snmpd serving the same packages table itself, walked by
+// snmpbulkwalk and by a client that does not print; and each agent's CPU
+// time per GET and per varbind, steadier than rates on a busy machine. (Debian's snmpd 5.9 has no module `hr_swinst`: a master started
 // with `-I -hr_swinst` keeps the table and answers it itself.) Every daemon
 // has a configuration and state of its own on free loopback ports and private
 // socket paths, and is stopped by its PID at exit.
@@ -110,8 +110,9 @@ class Rig {
   // Varbinds of their table and of ours.
   long theirVarbinds() const { return theirCount; }
   long ourVarbinds() const { return ourCount; }
-  // snmpd serving the packages table itself.
+  // snmpd serving the packages table itself, and its CPU seconds.
   int snmpdPort() const { return snmpd.port(); }
+  double snmpdCpuSeconds() const { return cpuSeconds(snmpd.process()); }
 
   // Serves our objects by `route`; the UDP port that answers, 0 on failure.
   int serve(Route route) {
@@ -235,10 +236,14 @@ BENCHMARK(BM_Get)->Iterations(3)->Unit(benchmark::kMillisecond)->UseRealTime();
 struct WalkRate {
   double perSecond = 0, cpuPerVarbind = 0;
 };
-WalkRate timedWalk(int port, const char* oid, long varbinds, const std::function<double()>& cpu = [] { return 0.0; }) {
+// How a walk is made: snmpbulkwalk, or a client that does not print.
+using Walker = long (*)(int port, const char* oid);
+double noCpu() { return 0; }
+WalkRate timedWalk(int port, const char* oid, long varbinds, const std::function<double()>& cpu = noCpu,
+                   Walker walk = zelta_bench::bulkwalk) {
   const double cpuBefore = cpu();
   const auto start = Clock::now();
-  const long n = zelta_bench::bulkwalk(port, oid);
+  const long n = walk(port, oid);
   const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
   if (n != varbinds) return {};
   return {n / seconds, (cpu() - cpuBefore) / n};
@@ -249,7 +254,7 @@ void BM_BulkWalk(benchmark::State& state) {
   if (!rig.failure().empty()) return state.SkipWithError(rig.failure().c_str());
   // And snmpd's own table, walked in turns with ours on its own port.
   Rounds rounds;
-  std::vector<double> snmpd, directOverSnmpd;
+  std::vector<double> snmpd, directOverSnmpd, directCpu, snmpdCpu, leanDirect, leanSnmpd, leanOverSnmpd;
   const long ourCount = rig.ourVarbinds(), theirCount = rig.theirVarbinds();
   for (auto _ : state) {
     const int masterPort = rig.serve(Route::ThroughMaster);
@@ -267,10 +272,16 @@ void BM_BulkWalk(benchmark::State& state) {
     if (directPort == 0) return state.SkipWithError("the agent did not start");
     zelta_bench::bulkwalk(directPort, kTableOid);
     for (int round = 0; round < kRounds; ++round) {
-      const WalkRate a = timedWalk(directPort, kTableOid, ourCount);
-      const WalkRate b = timedWalk(rig.snmpdPort(), kTheirTable, theirCount);
+      const WalkRate a = timedWalk(directPort, kTableOid, ourCount, [&] { return rig.ourCpuSeconds(); });
+      const WalkRate b = timedWalk(rig.snmpdPort(), kTheirTable, theirCount, [&] { return rig.snmpdCpuSeconds(); });
       if (a.perSecond == 0 || b.perSecond == 0) return state.SkipWithError("a walk of an agent's own port failed");
       rounds.direct.push_back(a.perSecond), snmpd.push_back(b.perSecond);
+      directCpu.push_back(a.cpuPerVarbind), snmpdCpu.push_back(b.cpuPerVarbind);
+      const WalkRate c = timedWalk(directPort, kTableOid, ourCount, noCpu, zelta_bench::leanBulkwalk);
+      const WalkRate d = timedWalk(rig.snmpdPort(), kTheirTable, theirCount, noCpu, zelta_bench::leanBulkwalk);
+      if (c.perSecond == 0 || d.perSecond == 0) return state.SkipWithError("a lean walk of an agent's own port failed");
+      leanDirect.push_back(c.perSecond), leanSnmpd.push_back(d.perSecond);
+      leanOverSnmpd.push_back(c.perSecond / d.perSecond);
       directOverSnmpd.push_back(a.perSecond / b.perSecond);
     }
   }
@@ -279,6 +290,14 @@ void BM_BulkWalk(benchmark::State& state) {
   state.counters["theirs_varbinds"] = static_cast<double>(theirCount);
   state.counters["snmpd_own_varbinds_per_s"] = median(snmpd);
   state.counters["direct_over_snmpd_own"] = median(directOverSnmpd);
+  // The agents' side of those walks alone: the client's own work (half a
+  // walk's time or more) is the same for both.
+  state.counters["direct_cpu_us_per_varbind"] = 1e6 * median(directCpu);
+  state.counters["snmpd_own_cpu_us_per_varbind"] = 1e6 * median(snmpdCpu);
+  // And walked by a client that does not print: the agents' rates.
+  state.counters["lean_direct_varbinds_per_s"] = median(leanDirect);
+  state.counters["lean_snmpd_own_varbinds_per_s"] = median(leanSnmpd);
+  state.counters["lean_direct_over_snmpd_own"] = median(leanOverSnmpd);
 }
 BENCHMARK(BM_BulkWalk)->Iterations(3)->Unit(benchmark::kMillisecond)->UseRealTime();
 

@@ -74,6 +74,15 @@ Strings oidsOf(const std::string& out) {
   return oids;
 }
 
+// A tool's output lines that are bindings ("OID = value"), in order.
+Strings bindingsOf(const std::string& out) {
+  Strings bindings;
+  std::istringstream lines(out);
+  for (std::string line; std::getline(lines, line);)
+    if (line.rfind(".1.", 0) == 0 && line.find(" = ") != std::string::npos) bindings.push_back(line);
+  return bindings;
+}
+
 // What a published table with columns 3 (INTEGER 0..100, never 13), 4
 // (STRING of 0..16 bytes) and 5 (IpAddress, no default) should hold: each
 // row's RowStatus and the cells it has, as text ("7", "abc", "10.0.0.1"),
@@ -354,6 +363,70 @@ for error, status, index, binds in bulkCmd(SnmpEngine(), CommunityData('public')
   const ToolResult other = runTool({"/usr/bin/python3", script, std::to_string(port), kBase.substr(1)});
   EXPECT_EQ(other.exitCode, 0) << other.out;
   EXPECT_EQ(oidsOf(other.out), expected) << other.out;
+}
+
+// A GETBULK of several bindings, a non-repeater first, answers as many
+// GETNEXTs would, binding by binding: repetitions inside a table column,
+// from one column on to the next, out of the table into the scalars after
+// it. The filler sees the cells the GETNEXTs read, in their order.
+TEST_P(RoutedAgentTest, AnswersAGetbulkAsTheGetnextsItStandsFor) {
+  const std::string a = kBase + ".10";
+  std::vector<std::unique_ptr<Scalar>> scalars;
+  std::vector<MibEntry*> entries;
+  for (const std::string& oid : {kBase + ".9.1.0", a + ".5.0", a + ".6.0", a + ".7.0", a + ".8.0", a + ".9.0",
+                                 a + ".11.0", a + ".12.0", a + ".13.0"}) {
+    scalars.push_back(std::make_unique<Scalar>(oid, Variant(static_cast<long>(scalars.size())), as<IntMibLeaf>));
+    entries.push_back(scalars.back()->info.getEntry());
+  }
+  std::map<unsigned int, FieldType> fields{{2, FieldType(INTEGER, NO_RANGE, NO_RANGE)},
+                                           {3, FieldType(STRING, NO_RANGE, NO_RANGE)}};
+  TableDef def({1}, 4, fields, 1);
+  Table rows(&def);
+  for (unsigned long i = 1; i <= 12; ++i) {
+    rows.setCellValue({i}, 2, static_cast<long>(100 + i));
+    rows.setCellValue({i}, 3, "row " + std::to_string(i));
+  }
+  Variant tableValue(rows);
+  RecordingListener listener;
+  tableValue.setListener(&listener);
+  SNMPInfo tableInfo(a + ".3.1", READCREATE);
+  tableInfo.setEntry(new DynMibTable(&tableInfo, &tableValue));
+  entries.push_back(tableInfo.getEntry());
+  ASSERT_TRUE(startAgent(entries));
+
+  // `nonRepeater` ("" for none) and the repeaters, in one GETBULK and as GETNEXTs.
+  const int repetitions = 6;
+  auto compare = [&](const std::string& nonRepeater, const Strings& repeaters) {
+    SCOPED_TRACE(repeaters.front());
+    Strings args{"-Cn" + std::to_string(nonRepeater.empty() ? 0 : 1), "-Cr" + std::to_string(repetitions)};
+    if (!nonRepeater.empty()) args.push_back(nonRepeater);
+    args.insert(args.end(), repeaters.begin(), repeaters.end());
+    listener.fills.clear();
+    const ToolResult bulk = tool("snmpbulkget", "2c", "public", args);
+    ASSERT_EQ(bulk.exitCode, 0) << bulk.out;
+    const Strings bulkFills = listener.fills;
+    listener.fills.clear();
+    // The non-repeater once, then each repetition of every repeater, one
+    // request per repetition.
+    std::string expected = nonRepeater.empty() ? "" : tool("snmpgetnext", "2c", "public", {nonRepeater}).out;
+    Strings next = repeaters;
+    for (int i = 0; i < repetitions; ++i) {
+      const std::string out = tool("snmpgetnext", "2c", "public", next).out;
+      expected += out;
+      next = oidsOf(out);
+      ASSERT_EQ(next.size(), repeaters.size()) << out;
+    }
+    EXPECT_EQ(bindingsOf(bulk.out), bindingsOf(expected));
+    EXPECT_EQ(oidsOf(bulk.out).size(), (nonRepeater.empty() ? 0 : 1) + repeaters.size() * repetitions);
+    // A master asks its subagent again for some repetitions.
+    if (route == Route::Direct) {
+      EXPECT_EQ(bulkFills, listener.fills);
+    }
+  };
+  // Bindings that start in other registrations, and bindings that all start
+  // in the table, one of them running out of it.
+  compare(kBase + ".9", {a + ".3.1.2.5", a + ".3.1.2.10", a + ".3.1.3.10", a + ".4"});
+  compare("", {a + ".3.1.2.5", a + ".3.1.2.10", a + ".3.1.4.10"});
 }
 
 // ---- Scalar leaves

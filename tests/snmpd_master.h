@@ -108,6 +108,7 @@ class SnmpdMaster {
   void skipModule(const std::string& module) { skipped += "," + module; }
 
   bool running() const { return pid > 0; }
+  pid_t process() const { return pid; }
   int port() const { return udpPort; }
   std::string target() const { return "127.0.0.1:" + std::to_string(udpPort); }
   const std::string& agentx() const { return address; }  // what a subagent is given

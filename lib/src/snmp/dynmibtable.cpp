@@ -123,6 +123,9 @@ struct DynMibTable::Impl::Handler {
     auto* self = static_cast<Impl*>(handler->myvoid);
     LibraryLockGuard lock(libraryMutex());
     switch (reqinfo->mode) {
+      case MODE_GETBULK:
+        self->get_bulk_request(reginfo, reqinfo, requests);
+        break;
       case MODE_GET:
       case MODE_GETNEXT:
         for (netsnmp_request_info* request = requests; request != nullptr; request = request->next) {
@@ -258,6 +261,61 @@ void DynMibTable::Impl::get_next_request(netsnmp_agent_request_info* reqinfo, ne
       return;
     }
   }
+}
+
+void DynMibTable::Impl::get_bulk_request(netsnmp_handler_registration* reginfo, netsnmp_agent_request_info* reqinfo,
+                                         netsnmp_request_info* requests) {
+  // While this table holds every request of the PDU still walking and lies
+  // wholly in the manager's view, the agent's next pass would bring back
+  // exactly the requests that moved on, with nothing to check: that pass is
+  // made here, without the agent's lookup and view check of each repetition.
+  const netsnmp_agent_session* asp = reqinfo->asp;
+  const bool alone = asp != nullptr && asp->treecache_num == 0 &&
+                     netsnmp_acm_check_subtree(asp->pdu, reginfo->rootoid, reginfo->rootoid_len) == VACM_SUCCESS;
+  for (;;) {
+    // One pass: the next cell of each request still walking, as a GETNEXT.
+    walking.clear();
+    for (netsnmp_request_info* request = requests; request != nullptr; request = request->next)
+      if (request->processed == 0 && request->requestvb->type == ASN_NULL) walking.push_back(request);
+    reqinfo->mode = MODE_GETNEXT;
+    if (!internal::runGuarded([&] {
+          for (netsnmp_request_info* request : walking) get_next_request(reqinfo, request);
+        }))
+      for (netsnmp_request_info* request : walking) netsnmp_set_request_error(reqinfo, request, SNMP_ERR_GENERR);
+    reqinfo->mode = MODE_GETBULK;
+    // Each answered request moves on to its next repetition.
+    netsnmp_bulk_to_next_fix_requests(requests);
+    if (!alone || !nextPassHereOnly(requests)) return;
+    // As the agent hands them back for the next pass.
+    for (netsnmp_request_info* request = requests; request != nullptr; request = request->next) {
+      if (request->requestvb->type != ASN_PRIV_RETRY) continue;
+      request->requestvb->type = ASN_NULL;
+      request->processed = 0;
+      request->delegated = 0;
+      request->requestvb_start = request->requestvb;
+    }
+  }
+}
+
+bool DynMibTable::Impl::nextPassHereOnly(netsnmp_request_info* requests) {
+  // What the agent checks between two passes: an error ends the PDU, a
+  // request left unanswered goes on with the next registration, and an
+  // answer it would not take (past the registration, or one that ends the
+  // view) it deals with itself.
+  bool again = false;
+  for (netsnmp_request_info* request = requests; request != nullptr; request = request->next) {
+    const netsnmp_variable_list* vb = request->requestvb;
+    if (request->status != SNMP_ERR_NOERROR || request->parent_data != nullptr || request->inclusive != 0 ||
+        vb->type == ASN_NULL || vb->type == SNMP_ENDOFMIBVIEW)
+      return false;
+    if (vb->type == ASN_PRIV_RETRY) {
+      again = true;
+    } else if (request->repeat > 0 ||
+               snmp_oid_compare(vb->name, vb->name_length, request->range_end, request->range_end_len) >= 0) {
+      return false;
+    }
+  }
+  return again;
 }
 
 void DynMibTable::Impl::answer(netsnmp_agent_request_info* reqinfo, netsnmp_request_info* request,
@@ -579,7 +637,7 @@ ZELTA_COLD Variant* DynMibTable::getCell(const std::vector<unsigned long>& index
 }
 
 ZELTA_COLD bool DynMibTable::setCellValue(const std::vector<unsigned long>& indexes, const unsigned int& column,
-                               const long& newValue) {
+                                          const long& newValue) {
   LibraryLockGuard lock(libraryMutex());
   const FieldType* field = impl->writableCell_nolock(indexes, column);
   Variant converted;
@@ -589,7 +647,7 @@ ZELTA_COLD bool DynMibTable::setCellValue(const std::vector<unsigned long>& inde
 }
 
 ZELTA_COLD bool DynMibTable::setCellValue(const std::vector<unsigned long>& indexes, const unsigned int& column,
-                               const std::string& newValue) {
+                                          const std::string& newValue) {
   LibraryLockGuard lock(libraryMutex());
   const FieldType* field = impl->writableCell_nolock(indexes, column);
   Variant converted;
@@ -729,8 +787,8 @@ ZELTA_COLD bool DynMibTable::Impl::registerEntry_nolock() {
   }
   // The table OID: the handler sees everything below it and answers what
   // lies outside the entry's columns as a table does.
-  netsnmp_handler_registration* reg = netsnmp_create_handler_registration("zeltaTable", Handler::handle, entry.data(),
-                                                                          entry.size() - 1, HANDLER_CAN_RWRITE);
+  netsnmp_handler_registration* reg = netsnmp_create_handler_registration(
+      "zeltaTable", Handler::handle, entry.data(), entry.size() - 1, HANDLER_CAN_RWRITE | HANDLER_CAN_GETBULK);
   if (reg == nullptr) return false;
   reg->handler->myvoid = this;
   // On failure Net-SNMP frees the registration itself.

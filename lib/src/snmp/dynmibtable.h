@@ -35,6 +35,14 @@ struct ZELTA_LOCAL DynMibTable::Impl {
   // table.
   void get_request(netsnmp_agent_request_info* reqinfo, netsnmp_request_info* request) REQUIRES(libraryMutex());
   void get_next_request(netsnmp_agent_request_info* reqinfo, netsnmp_request_info* request) REQUIRES(libraryMutex());
+  // GETBULK: the repetitions of each request as GETNEXTs, left for the
+  // agent's next pass as Net-SNMP's bulk_to_next helper leaves them; as many
+  // passes made here as the agent would bring straight back.
+  void get_bulk_request(netsnmp_handler_registration* reginfo, netsnmp_agent_request_info* reqinfo,
+                        netsnmp_request_info* requests) REQUIRES(libraryMutex());
+  // After a pass: true when the agent's next pass would hold only requests
+  // that moved on to their next repetition here, and at least one.
+  static bool nextPassHereOnly(netsnmp_request_info* requests);
   // RESERVE1: each binding on its own (access, index, type, length, range).
   void prepare_set_request(netsnmp_agent_request_info* reqinfo, netsnmp_request_info* request, void* pending)
       REQUIRES(libraryMutex());
@@ -78,6 +86,8 @@ struct ZELTA_LOCAL DynMibTable::Impl {
   std::vector<unsigned int> served;           // RowStatus and the published value columns, ascending
   std::vector<unsigned int> withoutDefault;   // value columns a new row cannot be ready without
   RowIdx scratch GUARDED_BY(libraryMutex());  // the index of a request, without an allocation each
+  // The requests of one GETBULK pass, kept for their capacity.
+  std::vector<netsnmp_request_info*> walking GUARDED_BY(libraryMutex());
   std::atomic<size_t> maxRowCount{0};
   // While registered; owned by Net-SNMP.
   netsnmp_handler_registration* registration GUARDED_BY(libraryMutex()) = nullptr;
