@@ -427,6 +427,11 @@ TEST_P(RoutedAgentTest, AnswersAGetbulkAsTheGetnextsItStandsFor) {
   // in the table, one of them running out of it.
   compare(kBase + ".9", {a + ".3.1.2.5", a + ".3.1.2.10", a + ".3.1.3.10", a + ".4"});
   compare("", {a + ".3.1.2.5", a + ".3.1.2.10", a + ".3.1.4.10"});
+  // A filler that throws fails the PDU, not the agent.
+  listener.fillThrows = true;
+  EXPECT_EQ(reason(tool("snmpbulkget", "2c", "public", {"-Cr6", a + ".3.1.2.5", a + ".3.1.3.5"}).out), "genError");
+  listener.fillThrows = false;
+  EXPECT_EQ(fetch(a + ".3.1.2.5"), "INTEGER: 105");
 }
 
 // ---- Scalar leaves

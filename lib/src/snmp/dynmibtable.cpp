@@ -109,6 +109,21 @@ const PendingRow* creationBeyondLimit(const PendingSet& pending, size_t held, si
   return nullptr;
 }
 
+// Gives a request another mode for a scope.
+class ModeFor {
+ public:
+  ModeFor(netsnmp_agent_request_info* request, int mode) : reqinfo(request), saved(request->mode) {
+    request->mode = mode;
+  }
+  ~ModeFor() { reqinfo->mode = saved; }
+  ModeFor(const ModeFor&) = delete;
+  ModeFor& operator=(const ModeFor&) = delete;
+
+ private:
+  netsnmp_agent_request_info* reqinfo;
+  int saved;
+};
+
 }  // namespace
 
 // ---- The Net-SNMP handler
@@ -274,15 +289,13 @@ void DynMibTable::Impl::get_bulk_request(netsnmp_handler_registration* reginfo, 
                      netsnmp_acm_check_subtree(asp->pdu, reginfo->rootoid, reginfo->rootoid_len) == VACM_SUCCESS;
   for (;;) {
     // One pass: the next cell of each request still walking, as a GETNEXT.
-    walking.clear();
-    for (netsnmp_request_info* request = requests; request != nullptr; request = request->next)
-      if (request->processed == 0 && request->requestvb->type == ASN_NULL) walking.push_back(request);
-    reqinfo->mode = MODE_GETNEXT;
-    if (!internal::runGuarded([&] {
-          for (netsnmp_request_info* request : walking) get_next_request(reqinfo, request);
-        }))
-      for (netsnmp_request_info* request : walking) netsnmp_set_request_error(reqinfo, request, SNMP_ERR_GENERR);
-    reqinfo->mode = MODE_GETBULK;
+    // A hook's exception leaves through here to the handler's guard, which
+    // fails the PDU; the agent gets its mode back either way.
+    {
+      ModeFor getnext(reqinfo, MODE_GETNEXT);
+      for (netsnmp_request_info* request = requests; request != nullptr; request = request->next)
+        if (request->processed == 0 && request->requestvb->type == ASN_NULL) get_next_request(reqinfo, request);
+    }
     // Each answered request moves on to its next repetition.
     netsnmp_bulk_to_next_fix_requests(requests);
     if (!alone || !nextPassHereOnly(requests)) return;

@@ -86,8 +86,6 @@ struct ZELTA_LOCAL DynMibTable::Impl {
   std::vector<unsigned int> served;           // RowStatus and the published value columns, ascending
   std::vector<unsigned int> withoutDefault;   // value columns a new row cannot be ready without
   RowIdx scratch GUARDED_BY(libraryMutex());  // the index of a request, without an allocation each
-  // The requests of one GETBULK pass, kept for their capacity.
-  std::vector<netsnmp_request_info*> walking GUARDED_BY(libraryMutex());
   std::atomic<size_t> maxRowCount{0};
   // While registered; owned by Net-SNMP.
   netsnmp_handler_registration* registration GUARDED_BY(libraryMutex()) = nullptr;

@@ -59,32 +59,23 @@ std::string printable(const netsnmp_variable_list& vb);
 // errors of GET requests, so v1 gets genErr here.
 void setReadError(netsnmp_agent_request_info* reqinfo, netsnmp_request_info* request, int v2Status);
 
-// Runs `work`, inside which validators, fillers and hooks of the host run: an
-// exception they throw must not unwind through Net-SNMP's C frames (that
-// would end the process). False, with an ERROR line, when one was thrown.
-template <class Work>
-bool runGuarded(Work&& work) noexcept {
+// Runs a request handler. Validators, fillers and hooks of the host run inside
+// it; an exception they throw must not unwind through Net-SNMP's C frames
+// (that would end the process), so it fails the request with genErr instead.
+template <class Handler>
+int guardHandler(Handler&& handler, netsnmp_request_info* requests) noexcept {
   // A copy: the exception, and the text it points to, are gone after the
   // catch block.
-  std::string what;
+  std::string what = "unknown exception";
   try {
-    work();
-    return true;
+    return handler();
   } catch (const std::exception& e) {
     what = e.what();
   } catch (...) {
-    what = "unknown exception";
   }
   Log["libzelta"].append(ERROR, "SNMP: request failed, a hook threw: %s\n", what.c_str());
-  return false;
-}
-
-// Runs a request handler; a hook's exception fails its requests with genErr.
-template <class Handler>
-int guardHandler(Handler&& handler, netsnmp_request_info* requests) noexcept {
-  int status = SNMP_ERR_NOERROR;
-  if (!runGuarded([&] { status = handler(); })) netsnmp_request_set_error_all(requests, SNMP_ERR_GENERR);
-  return status;
+  netsnmp_request_set_error_all(requests, SNMP_ERR_GENERR);
+  return SNMP_ERR_NOERROR;
 }
 
 }  // namespace internal
