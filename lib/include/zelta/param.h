@@ -62,6 +62,8 @@ class ZELTA_EXPORT Param : public IChangeListener {
     std::string key;
     std::map<unsigned int, unsigned int> columns;  // former column -> today's; 0 drops the cell
   };
+  // Stays in its group's list: a parameter built again at this address in
+  // the same group takes the same entry.
   virtual ~Param();
   Param(const Param&) = delete;
   Param& operator=(const Param&) = delete;
@@ -262,6 +264,9 @@ class ZELTA_EXPORT ParamGroup {
 
   // How a parameter's constructor enrols it: without addOwnedParam's search.
   ZELTA_LOCAL void enrol(Param* param);
+  // A parameter of `group` is destroyed; one may be built again at its
+  // address. `group` may be gone already: it is only compared.
+  ZELTA_LOCAL static void leave(const ParamGroup* group, const Param* param);
   ZELTA_LOCAL void workerCode();
   // Sleeps one tick; false when the countdown is to end at once (the process
   // exits, or the group goes away).
