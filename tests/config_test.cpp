@@ -167,6 +167,19 @@ TEST(Settings, CheckedLoadingKeepsDefaultsAndLeavesRefusedLinesInTheFile) {
   EXPECT_EQ(dir.read("box.txt"),
             "volume.0 = 0:2:50\nname.0 = 0:4:\"cupboard9\"\ngateway.0 = 0:4:\"10.0.0.2\"\n"
             "address.0 = 0:4:\"1234\"\nmetrics.2 = 3:2:5 \n");
+
+  // Constructed without a value, a parameter's factory value is its type's
+  // default; a type without one keeps what it holds.
+  Param bare(group, INTEGER, Variant(), nullptr), odd(group, static_cast<ValueType>(99), Variant(), nullptr);
+  bare.setValue(5);
+  odd.setValue(5);
+  captureLog(WARNING, [&] { manager.factoryReset({&group}); });
+  EXPECT_EQ(bare.getValue().getLong(), 0);
+  EXPECT_EQ(odd.getValue().getLong(), 5);
+  bare.setValue(6);
+  std::string error;
+  captureLog(WARNING, [&] { ASSERT_TRUE(manager.importConfig("[box]\n# end of configuration\n", error)) << error; });
+  EXPECT_EQ(bare.getValue().getLong(), 0);
 }
 
 namespace {

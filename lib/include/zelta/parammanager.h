@@ -77,7 +77,8 @@ class ZELTA_EXPORT ParamManager {
   // `groups` means every registered group.
 
   // Gives every parameter of the groups that is saved (NEVER_SAVE ones hold
-  // state, not settings) the value it was constructed with; the hooks get
+  // state, not settings) the value it was constructed with (constructed
+  // without one: the default of its type, if it has one); the hooks get
   // ACTION_FACTORY_RESET. The groups' kept foreign lines and the lines a
   // checked load refused are dropped: the files then hold the defaults only.
   void factoryReset(const std::vector<ParamGroup*>& groups = {});

@@ -23,6 +23,7 @@
 #include "base/atomicfile.h"
 #include "base/liblock.h"
 #include "params/groupfile.h"
+#include "values/valuecodec.h"
 #include "zelta/logging.h"
 #include "zelta/parammanager.h"
 
@@ -41,14 +42,31 @@ struct Assignment {
   Variant value;
 };
 
-// The value a parameter was constructed with. A table constructed without
-// its definition (the host gave it one later) keeps the one it has.
+// The value a parameter was constructed with; constructed without one (an
+// UNDEFINED value), the default of its type, as the constructor without a
+// value gives. A table constructed without its definition (the host gave it
+// one later) keeps the one it has.
 Variant factoryValueOf(const Param& param) REQUIRES(libraryMutex()) {
   const Variant& factory = param.getFactoryValue();
-  if (param.getType() == TABLE && factory.getType() == VariantType::TABLEDEF &&
-      factory.getTable().getDef() == nullptr && param.getValue().getType() == VariantType::TABLEDEF)
-    return Variant(Table(param.getValue().getTable().getDef()));
+  const Variant& held = param.getValue();
+  const bool none = factory.getType() == VariantType::UNDEFINED;
+  if (param.getType() == TABLE && held.getType() == VariantType::TABLEDEF &&
+      (none || (factory.getType() == VariantType::TABLEDEF && factory.getTable().getDef() == nullptr)))
+    return Variant(Table(held.getTable().getDef()));
+  if (none)
+    if (const ValueCodec* codec = ValueCodec::of(param.getType())) return codec->defaultValue();
   return factory;
+}
+
+// Stages the factory value of a parameter that is saved. One of another kind
+// than the value held (a type without a default, constructed without a
+// value) is not staged: the parameter keeps its value.
+void stageFactoryValue(std::vector<Assignment>& values, Param* param) REQUIRES(libraryMutex()) {
+  if (param->getSavePolicy() == NEVER_SAVE) return;
+  Variant factory = factoryValueOf(*param);
+  const VariantType held = param->getValue().getType();
+  if (held != VariantType::UNDEFINED && factory.getType() != held) return;
+  values.push_back(Assignment{param, std::move(factory)});
 }
 
 // Sets every value in one hold of the library lock, with the groups' new
@@ -290,7 +308,7 @@ bool Importer::closeSection(std::string& error) {
   for (Param* param : group->getParams()) {
     auto staged = section->staged.find(param);
     if (staged == section->staged.end()) {
-      if (param->getSavePolicy() != NEVER_SAVE) values.push_back(Assignment{param, factoryValueOf(*param)});
+      stageFactoryValue(values, param);
     } else if (param->getType() == TABLE) {
       Table empty(param->getValue().getTable().getDef());
       values.push_back(Assignment{param, Variant(staged->second.rows ? *staged->second.rows : empty)});
@@ -313,8 +331,7 @@ void ParamManager::factoryReset(const std::vector<ParamGroup*>& which) {
   {
     LibraryLockGuard lock(libraryMutex());
     for (ParamGroup* group : targets) {
-      for (Param* param : group->getParams())
-        if (param->getSavePolicy() != NEVER_SAVE) values.push_back(Assignment{param, factoryValueOf(*param)});
+      for (Param* param : group->getParams()) stageFactoryValue(values, param);
       foreign.emplace_back(group, std::string());
     }
   }
