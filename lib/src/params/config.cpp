@@ -395,12 +395,19 @@ bool ParamManager::importConfigFile(const std::string& path, std::string& error,
     error = printed("'%s' is %lld bytes, more than the %zu an import takes", path.c_str(),
                     static_cast<long long>(info.st_size), kMaxConfigBytes);
   } else {
-    // Read up to one byte past the limit: a file that grew meanwhile is
-    // still refused by the import.
-    text.resize(kMaxConfigBytes + 1);
+    // Room for the file as it is and one byte more, grown while reads fill
+    // it, up to one byte past the limit: a file that grew meanwhile is still
+    // refused by the import.
+    const size_t most = kMaxConfigBytes + 1;
+    text.resize(static_cast<size_t>(info.st_size) + 1);
     size_t got = 0;
     read = true;
-    for (ssize_t n; got < text.size() && (n = ::read(fd, &text[got], text.size() - got)) != 0;) {
+    for (ssize_t n = 1; n != 0;) {
+      if (got == text.size()) {
+        if (got == most) break;
+        text.resize(std::min(most, 2 * got));
+      }
+      n = ::read(fd, &text[got], text.size() - got);
       if (n < 0 && errno == EINTR) continue;
       if (n < 0) {
         error = printed("cannot read '%s': %s", path.c_str(), strerror(errno));
