@@ -10,11 +10,14 @@
 // An import is read and checked in full before anything changes; the values
 // are then set in one hold of the library lock.
 #include <fcntl.h>
+#include <pthread.h>
+#include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <map>
 #include <memory>
@@ -83,6 +86,37 @@ void apply(std::vector<Assignment>& values, std::vector<std::pair<ParamGroup*, s
       if (a.param->getGroup()->isActive()) Param::Internal::runPostSets_nolock(*a.param, &info);
   }
   for (ParamGroup* group : groups) group->save();
+}
+
+// Writes `text` into the FIFO or device at `path`. A reader that goes away
+// gives EPIPE, not a SIGPIPE that would end the host.
+bool writeInPlace(const std::string& path, const std::string& text) {
+  const int fd = open(path.c_str(), O_WRONLY | O_TRUNC | O_CLOEXEC);
+  if (fd < 0) return false;
+  sigset_t pipeSignal, before, pending;
+  sigemptyset(&pipeSignal);
+  sigaddset(&pipeSignal, SIGPIPE);
+  pthread_sigmask(SIG_BLOCK, &pipeSignal, &before);
+  const bool wasPending = sigpending(&pending) == 0 && sigismember(&pending, SIGPIPE) == 1;
+  size_t done = 0;
+  while (done < text.size()) {
+    const ssize_t n = write(fd, text.data() + done, text.size() - done);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) {
+      if (n == 0) errno = EIO;
+      break;
+    }
+    done += static_cast<size_t>(n);
+  }
+  const int why = errno;
+  if (done < text.size() && why == EPIPE && !wasPending) {
+    const struct timespec none {};
+    sigtimedwait(&pipeSignal, nullptr, &none);
+  }
+  pthread_sigmask(SIG_SETMASK, &before, nullptr);
+  const bool ok = close(fd) == 0 && done == text.size();
+  if (done < text.size()) errno = why;
+  return ok;
 }
 
 std::string groupNames(const std::vector<ParamGroup*>& groups) {
@@ -361,7 +395,18 @@ std::string ParamManager::exportConfig(const std::vector<ParamGroup*>& which) co
 
 bool ParamManager::exportConfigFile(const std::string& path, std::string& error,
                                     const std::vector<ParamGroup*>& which) const {
-  if (internal::replaceFile(path, exportConfig(which))) return true;
+  const std::string text = exportConfig(which);
+  // A regular file (also one a link leads to) and a missing one are replaced
+  // whole; a FIFO or a device, or a link to one, stays what it is and is
+  // written into.
+  struct stat info {};
+  const bool inPlace = stat(path.c_str(), &info) == 0 && !S_ISREG(info.st_mode);
+  std::string target = path;
+  if (!inPlace && lstat(path.c_str(), &info) == 0 && S_ISLNK(info.st_mode)) {
+    std::unique_ptr<char, decltype(&free)> real(realpath(path.c_str(), nullptr), &free);
+    if (real) target = real.get();
+  }
+  if (inPlace ? writeInPlace(path, text) : internal::replaceFile(target, text)) return true;
   error = printed("cannot write '%s': %s", path.c_str(), strerror(errno));
   return false;
 }
