@@ -239,10 +239,12 @@ class ZELTA_EXPORT ParamGroup {
   // When true, a load of the group's file keeps, byte for byte, the lines no
   // registered parameter reads (keys of another version of the host program,
   // comments, blank lines, anything that is no entry), and every save writes
-  // them after the group's own lines, so that an upgrade, a downgrade and an
-  // upgrade again lose nothing. Lines of other groups' parameters are read
-  // into those and not kept. Off by default: such lines are gone after the
-  // next save.
+  // them after the group's own lines, so that after an upgrade, a downgrade
+  // and an upgrade again the newer version finds its lines again. A change
+  // the older version made to a parameter the newer one renamed is lost:
+  // the newer version's current key wins over the former one. Lines of
+  // other groups' parameters are read into those and not kept. Off by
+  // default: such lines are gone after the next save.
   void setKeepForeignLines(bool keep) { keepForeign = keep; }
   bool keepsForeignLines() const { return keepForeign; }
   // The lines kept, each ending in "\n".
