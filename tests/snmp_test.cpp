@@ -171,6 +171,18 @@ TEST_F(AgentTest, KeepsTheLocaleServesCommunitiesAndV3FromTheirSourcesRestartsAn
   stopAgent();
   ASSERT_TRUE(startAgent({s.info.getEntry()}));
   EXPECT_EQ(fetch(leaf(1), "1"), "INTEGER: 3");
+
+  // Limits of nothing but unusable entries shut out, never open to all.
+  stopAgent();
+  config.roCommunitySources.clear();
+  config.rwCommunitySources = {"10.0.0.0/33"};
+  config.v3UserSources = {"x"};
+  ASSERT_TRUE(startAgent({s.info.getEntry()}, config));
+  for (Strings request : {v2Set, v3Set}) {
+    request.insert(request.end(), {"-On", "-t", "1", "-r", "0", target(), leaf(1), "i", "4"});
+    EXPECT_EQ(runTool(request).out.find("Timeout"), 0u) << request[0];
+  }
+  EXPECT_EQ(s.value.getLong(), 3);
 }
 
 // Any sender can make Net-SNMP log a line per malformed datagram: 10,000 of

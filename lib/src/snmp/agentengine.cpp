@@ -404,7 +404,7 @@ bool AgentEngine::initialize(const SNMPAgent::Options& config, const std::vector
   if (isSubagent(config)) agentx::started();
 
   if (!isSubagent(config) && !openPort_nolock(config)) {
-    Log["libzelta"].append(ERROR, "AgentEngine: cannot open UDP %s:%d\n",
+    Log["libzelta"].append(DEBUG, "AgentEngine: cannot open UDP %s:%d\n",
                            config.listenAddress.empty() ? "*" : config.listenAddress.c_str(), config.port);
     cleanUp_nolock();
     return false;
