@@ -182,6 +182,19 @@ TEST_F(AgentTest, KeepsTheLocaleServesCommunitiesAndV3FromTheirSourcesRestartsAn
     request.insert(request.end(), {"-On", "-t", "1", "-r", "0", target(), leaf(1), "i", "4"});
     EXPECT_EQ(runTool(request).out.find("Timeout"), 0u) << request[0];
   }
+  // A privacy passphrase that cannot be used refuses the user, rather than
+  // serving it without privacy.
+  stopAgent();
+  config.v3UserSources.clear();
+  config.v3PrivPassphrase = "priv\"pass";
+  const std::string refused = captureLog(WARNING, [&] { started = startAgent({s.info.getEntry()}, config); });
+  ASSERT_TRUE(started);
+  EXPECT_NE(refused.find("AgentEngine: SNMPv3 user ignored: its privacy passphrase holds quotes or line ends\n"),
+            std::string::npos)
+      << refused;
+  Strings authOnly{"snmpset", "-v3", "-u", "zeltauser", "-l", "authNoPriv", "-a", "SHA", "-A", "auth-pass-1"};
+  authOnly.insert(authOnly.end(), {"-On", "-t", "1", "-r", "0", target(), leaf(1), "i", "4"});
+  EXPECT_NE(runTool(authOnly).exitCode, 0);
   EXPECT_EQ(s.value.getLong(), 3);
 }
 

@@ -156,7 +156,13 @@ bool rememberV3User(const SNMPAgent::Options& config) REQUIRES(libraryMutex()) {
                            "passphrase without quotes or line ends\n");
     return false;
   }
-  if (!config.v3PrivPassphrase.empty() && configWord(config.v3PrivPassphrase, priv)) {
+  // A host that asked for privacy never gets cleartext instead.
+  if (!config.v3PrivPassphrase.empty() && !configWord(config.v3PrivPassphrase, priv)) {
+    Log["libzelta"].append(WARNING,
+                           "AgentEngine: SNMPv3 user ignored: its privacy passphrase holds quotes or line ends\n");
+    return false;
+  }
+  if (!priv.empty()) {
     remember("createUser " + user + " SHA " + auth + " AES " + priv);
     remember("rwuser " + user + " priv");
   } else {
