@@ -459,6 +459,23 @@ TEST_P(RoutedAgentTest, AnswersAGetbulkAsTheGetnextsItStandsFor) {
   EXPECT_EQ(fetch(a + ".3.1.2.5"), "INTEGER: 105");
 }
 
+// A GETBULK whose answer would not fit a UDP datagram is answered with the
+// repetitions that fit, instead of an answer that cannot be sent.
+TEST_F(AgentTest, CutsAGetbulkAnswerToWhatADatagramCarries) {
+  std::map<unsigned int, FieldType> fields{{2, FieldType(STRING, NO_RANGE, NO_RANGE)}};
+  TableDef def({1}, 3, fields, 1);
+  Table rows(&def);
+  for (unsigned long i = 1; i <= 100; ++i) rows.setCellValue({i}, 2, std::string(1000, 'x'));
+  Variant tableValue(rows);
+  SNMPInfo tableInfo(kBase + ".10.3.1", READCREATE);
+  tableInfo.setEntry(new DynMibTable(&tableInfo, &tableValue));
+  ASSERT_TRUE(startAgent({tableInfo.getEntry()}));
+  const ToolResult big = tool("snmpbulkget", "2c", "public", {"-Cr100", kBase + ".10.3.1.2"});
+  EXPECT_EQ(big.exitCode, 0) << big.out.substr(0, 200);
+  EXPECT_GE(oidsOf(big.out).size(), 50u);
+  EXPECT_LT(oidsOf(big.out).size(), 100u);
+}
+
 // ---- Scalar leaves
 
 class ScalarTest : public Routed<AgentTest> {
@@ -594,6 +611,8 @@ TEST_P(TableTest, ReadsCellsAfterTheFiller) {
   listener.fillResult = false;
   EXPECT_EQ(reason(get("2c", {cell(3, "1")}).out), "resourceUnavailable");
   EXPECT_EQ(reason(get("1", {cell(3, "1")}).out), v1ReadError());
+  EXPECT_EQ(reason(tool("snmpgetnext", "2c", "public", {cell(3, "1")}).out), "resourceUnavailable");
+  EXPECT_EQ(reason(tool("snmpbulkget", "2c", "public", {"-Cr3", cell(3, "1")}).out), "resourceUnavailable");
 }
 
 TEST_P(TableTest, RefusalsCarryTheirStatusAndChangeNothing) {

@@ -242,6 +242,10 @@ void setOptions(const SNMPAgent::Options& config, const std::string& persistentD
   // MIB directories are scanned even when no MIB is loaded; point the scan
   // at a directory of ours.
   netsnmp_ds_set_string(NETSNMP_DS_LIBRARY_ID, NETSNMP_DS_LIB_MIBDIRS, persistentDir.c_str());
+  // The largest answer a UDP datagram carries: above it Net-SNMP would not
+  // cut a GETBULK answer down for SNMPv1/v2c and the send would fail, the
+  // manager left without an answer.
+  netsnmp_ds_set_int(NETSNMP_DS_LIBRARY_ID, NETSNMP_DS_LIB_MSG_SEND_MAX, 65507);
   // Alarms (the AgentX ping among them) run from the request loop, not
   // from a SIGALRM handler in whichever host thread the signal meets.
   netsnmp_ds_set_boolean(NETSNMP_DS_LIBRARY_ID, NETSNMP_DS_LIB_ALARM_DONT_USE_SIG, 1);
