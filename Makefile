@@ -33,7 +33,8 @@ test-armhf:
 	JOBS=$(JOBS) scripts/armhf.sh
 
 # Debian package (libzelta1_<version>_<arch>.deb) of the library, headers, CMake
-# package and zelta.pc, made by CPack into $(BUILD)/; see cmake/ZeltaPackaging.cmake.
+# package and zelta.pc, with the MIB generator's library and zelta-mibgen.pc,
+# made by CPack into $(BUILD)/; see cmake/ZeltaPackaging.cmake.
 .PHONY: package
 package: build
 	cd $(BUILD) && cpack -G DEB --config CPackConfig.cmake

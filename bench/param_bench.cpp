@@ -11,9 +11,9 @@
 //
 // heap/table/N/snmp is the heap a loaded row of the published table takes
 // while an agent serves the table (on a free loopback port): four value
-// columns, two short strings and two integers, each row as the Table, the
-// agent and Net-SNMP hold it together; heap/table/N/plain the same
-// unpublished.
+// columns, two short strings and two integers, each row as the Table holds
+// it, all that is kept while the agent serves it; heap/table/N/plain the
+// same unpublished.
 //
 // Where a load spends its time, in one short run:
 //   valgrind --tool=callgrind --toggle-collect='Quorvel::Kvan::ParamManager::loadGroups*'

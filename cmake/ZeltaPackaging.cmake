@@ -1,7 +1,8 @@
 # Debian package of the library: `cpack -G DEB` in the build tree (or
 # `make package` from the source tree) makes lib<name><soversion>_<version>_<arch>.deb
 # holding what `cmake --install` installs: the shared library with its soname
-# links, the headers, the CMake package and zelta.pc, all under /usr.
+# links, the headers, the CMake package and zelta.pc, and the MIB generator's
+# libzelta-mibgen with zelta-mibgen.pc, all under /usr.
 #
 # Included after lib/: it reads the Net-SNMP library and header found there.
 
@@ -13,7 +14,8 @@ set(CPACK_PACKAGE_DESCRIPTION [[
 C++17 shared library for the control programs of embedded Linux devices:
 typed configuration parameters kept in text files and served over SNMP by an
 agent thread inside the program. Includes the headers, the CMake package
-(find_package(zelta)) and zelta.pc.]])
+(find_package(zelta)), zelta.pc, and the MIB generator library libzelta-mibgen
+with zelta-mibgen.pc.]])
 set(CPACK_PACKAGE_CONTACT "libzelta maintainers <maintainers@users.noreply.c-seed-5df880fa.example>")
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
 # zelta.pc takes its prefix from the install step: with DESTDIR staging that

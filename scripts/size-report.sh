@@ -4,8 +4,8 @@
 # whose code takes the most. Exits 1 when the stripped library is above the budget.
 #   scripts/size-report.sh BUILD_DIR [BUDGET_BYTES]
 # The binutils are the build's own (CMAKE_STRIP, CMAKE_NM from its cache), so
-# a cross build is measured with the target's tools. Budget: ZELTA_SIZE_BUDGET,
-# else the second argument, else 200000.
+# a cross build is measured with the target's tools. Budget: the second
+# argument, else ZELTA_SIZE_BUDGET, else 200000.
 set -euo pipefail
 build=${1:?usage: size-report.sh BUILD_DIR [BUDGET_BYTES]}
 budget=${2:-${ZELTA_SIZE_BUDGET:-200000}}

@@ -252,6 +252,7 @@ TEST_F(SettingsAgentTest, ImportIsAllOrNothingAndServedAtOnce) {
       {Common::replace(good, "4:2:5", "4:2:13"), "line 5: routes.4: column 4: 13 refused by the validator"},
       {good.substr(0, good.find("# end")), "line 6: the text ends without its last line"},
       {binary, "line 2: binary data"},
+      {Common::replace(good, "\"den\"", "\"d\\q\""), "line 3: name.0: '\"d\\q\"' is no value of type 4"},
       {std::string(ParamManager::kMaxConfigBytes + 1, '#'), "more than the 16777216 an import takes"},
       {"[sound]\n# end of configuration\n", "line 1: no group is named 'sound'"},
   };

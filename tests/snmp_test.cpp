@@ -171,6 +171,31 @@ TEST_F(AgentTest, KeepsTheLocaleServesCommunitiesAndV3FromTheirSourcesRestartsAn
   stopAgent();
   ASSERT_TRUE(startAgent({s.info.getEntry()}));
   EXPECT_EQ(fetch(leaf(1), "1"), "INTEGER: 3");
+
+  // Limits of nothing but unusable entries shut out, never open to all.
+  stopAgent();
+  config.roCommunitySources.clear();
+  config.rwCommunitySources = {"10.0.0.0/33"};
+  config.v3UserSources = {"x"};
+  ASSERT_TRUE(startAgent({s.info.getEntry()}, config));
+  for (Strings request : {v2Set, v3Set}) {
+    request.insert(request.end(), {"-On", "-t", "1", "-r", "0", target(), leaf(1), "i", "4"});
+    EXPECT_EQ(runTool(request).out.find("Timeout"), 0u) << request[0];
+  }
+  // A privacy passphrase that cannot be used refuses the user, rather than
+  // serving it without privacy.
+  stopAgent();
+  config.v3UserSources.clear();
+  config.v3PrivPassphrase = "priv\"pass";
+  const std::string refused = captureLog(WARNING, [&] { started = startAgent({s.info.getEntry()}, config); });
+  ASSERT_TRUE(started);
+  EXPECT_NE(refused.find("AgentEngine: SNMPv3 user ignored: its privacy passphrase holds quotes or line ends\n"),
+            std::string::npos)
+      << refused;
+  Strings authOnly{"snmpset", "-v3", "-u", "zeltauser", "-l", "authNoPriv", "-a", "SHA", "-A", "auth-pass-1"};
+  authOnly.insert(authOnly.end(), {"-On", "-t", "1", "-r", "0", target(), leaf(1), "i", "4"});
+  EXPECT_NE(runTool(authOnly).exitCode, 0);
+  EXPECT_EQ(s.value.getLong(), 3);
 }
 
 // Any sender can make Net-SNMP log a line per malformed datagram: 10,000 of
@@ -434,6 +459,23 @@ TEST_P(RoutedAgentTest, AnswersAGetbulkAsTheGetnextsItStandsFor) {
   EXPECT_EQ(fetch(a + ".3.1.2.5"), "INTEGER: 105");
 }
 
+// A GETBULK whose answer would not fit a UDP datagram is answered with the
+// repetitions that fit, instead of an answer that cannot be sent.
+TEST_F(AgentTest, CutsAGetbulkAnswerToWhatADatagramCarries) {
+  std::map<unsigned int, FieldType> fields{{2, FieldType(STRING, NO_RANGE, NO_RANGE)}};
+  TableDef def({1}, 3, fields, 1);
+  Table rows(&def);
+  for (unsigned long i = 1; i <= 100; ++i) rows.setCellValue({i}, 2, std::string(1000, 'x'));
+  Variant tableValue(rows);
+  SNMPInfo tableInfo(kBase + ".10.3.1", READCREATE);
+  tableInfo.setEntry(new DynMibTable(&tableInfo, &tableValue));
+  ASSERT_TRUE(startAgent({tableInfo.getEntry()}));
+  const ToolResult big = tool("snmpbulkget", "2c", "public", {"-Cr100", kBase + ".10.3.1.2"});
+  EXPECT_EQ(big.exitCode, 0) << big.out.substr(0, 200);
+  EXPECT_GE(oidsOf(big.out).size(), 50u);
+  EXPECT_LT(oidsOf(big.out).size(), 100u);
+}
+
 // ---- Scalar leaves
 
 class ScalarTest : public Routed<AgentTest> {
@@ -569,6 +611,8 @@ TEST_P(TableTest, ReadsCellsAfterTheFiller) {
   listener.fillResult = false;
   EXPECT_EQ(reason(get("2c", {cell(3, "1")}).out), "resourceUnavailable");
   EXPECT_EQ(reason(get("1", {cell(3, "1")}).out), v1ReadError());
+  EXPECT_EQ(reason(tool("snmpgetnext", "2c", "public", {cell(3, "1")}).out), "resourceUnavailable");
+  EXPECT_EQ(reason(tool("snmpbulkget", "2c", "public", {"-Cr3", cell(3, "1")}).out), "resourceUnavailable");
 }
 
 TEST_P(TableTest, RefusalsCarryTheirStatusAndChangeNothing) {

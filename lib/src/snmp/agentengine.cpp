@@ -156,7 +156,13 @@ bool rememberV3User(const SNMPAgent::Options& config) REQUIRES(libraryMutex()) {
                            "passphrase without quotes or line ends\n");
     return false;
   }
-  if (!config.v3PrivPassphrase.empty() && configWord(config.v3PrivPassphrase, priv)) {
+  // A host that asked for privacy never gets cleartext instead.
+  if (!config.v3PrivPassphrase.empty() && !configWord(config.v3PrivPassphrase, priv)) {
+    Log["libzelta"].append(WARNING,
+                           "AgentEngine: SNMPv3 user ignored: its privacy passphrase holds quotes or line ends\n");
+    return false;
+  }
+  if (!priv.empty()) {
     remember("createUser " + user + " SHA " + auth + " AES " + priv);
     remember("rwuser " + user + " priv");
   } else {
@@ -236,6 +242,10 @@ void setOptions(const SNMPAgent::Options& config, const std::string& persistentD
   // MIB directories are scanned even when no MIB is loaded; point the scan
   // at a directory of ours.
   netsnmp_ds_set_string(NETSNMP_DS_LIBRARY_ID, NETSNMP_DS_LIB_MIBDIRS, persistentDir.c_str());
+  // The largest answer a UDP datagram carries: above it Net-SNMP would not
+  // cut a GETBULK answer down for SNMPv1/v2c and the send would fail, the
+  // manager left without an answer.
+  netsnmp_ds_set_int(NETSNMP_DS_LIBRARY_ID, NETSNMP_DS_LIB_MSG_SEND_MAX, 65507);
   // Alarms (the AgentX ping among them) run from the request loop, not
   // from a SIGALRM handler in whichever host thread the signal meets.
   netsnmp_ds_set_boolean(NETSNMP_DS_LIBRARY_ID, NETSNMP_DS_LIB_ALARM_DONT_USE_SIG, 1);
@@ -404,7 +414,7 @@ bool AgentEngine::initialize(const SNMPAgent::Options& config, const std::vector
   if (isSubagent(config)) agentx::started();
 
   if (!isSubagent(config) && !openPort_nolock(config)) {
-    Log["libzelta"].append(ERROR, "AgentEngine: cannot open UDP %s:%d\n",
+    Log["libzelta"].append(DEBUG, "AgentEngine: cannot open UDP %s:%d\n",
                            config.listenAddress.empty() ? "*" : config.listenAddress.c_str(), config.port);
     cleanUp_nolock();
     return false;

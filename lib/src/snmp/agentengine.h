@@ -39,11 +39,11 @@ class AgentEngine {
   // On the agent thread: sets Net-SNMP up from `options` (the port, the
   // communities and the v3 user, the engine's identity and its state file,
   // the system group, the AgentX role; notifications are not its business),
-  // registers the
-  // standard groups and `entries` (an entry Net-SNMP refuses is logged and
-  // skipped) and opens the port. False when the port cannot be opened or
-  // another engine runs in the process (WARNING line); everything is then
-  // cleaned up, so a later call can succeed. The entries stay owned by the
+  // registers the standard groups and `entries` (an entry Net-SNMP refuses
+  // is logged and skipped) and opens the port. False when the port cannot be
+  // opened (the caller logs it) or another engine runs in the process
+  // (WARNING line); everything is then cleaned up, so a later call can
+  // succeed. The entries stay owned by the
   // caller and must live until shutdown().
   // A subagent registers no standard group and opens no port: it connects
   // to its master here, or keeps trying from serveOnce() when the master is

@@ -282,8 +282,11 @@ void DynMibTable::Impl::get_bulk_request(netsnmp_handler_registration* reginfo, 
                                          netsnmp_request_info* requests) {
   // While this table holds every request of the PDU still walking and lies
   // wholly in the manager's view, the agent's next pass would bring back
-  // exactly the requests that moved on, with nothing to check: that pass is
+  // exactly the requests that moved on, with no view to check: that pass is
   // made here, without the agent's lookup and view check of each repetition.
+  // The agent's rough size check between passes is left out too: an answer
+  // too big for the manager is cut (or refused) when it is sent, as before,
+  // and only the fillers of the cells cut off have run in vain.
   const netsnmp_agent_session* asp = reqinfo->asp;
   const bool alone = asp != nullptr && asp->treecache_num == 0 &&
                      netsnmp_acm_check_subtree(asp->pdu, reginfo->rootoid, reginfo->rootoid_len) == VACM_SUCCESS;

@@ -88,10 +88,6 @@ int MibLeaf::Internal::check_set(MibLeaf& leaf, const netsnmp_variable_list& vb)
   return checkValue(leaf.type, leaf.bounded, leaf.boundMin, leaf.boundMax, *leaf.value, vb);
 }
 
-bool MibLeaf::Internal::value_ok(MibLeaf& leaf, const netsnmp_variable_list& vb) {
-  return checkValue(leaf.type, leaf.bounded, leaf.boundMin, leaf.boundMax, *leaf.value, vb) == SNMP_ERR_NOERROR;
-}
-
 int MibLeaf::Internal::set_value(MibLeaf& leaf, const netsnmp_variable_list& vb) {
   // A leaf made read-only after the checks ignores the write.
   if (leaf.get_access() < READWRITE) return SNMP_ERR_NOERROR;

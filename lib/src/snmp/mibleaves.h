@@ -15,8 +15,6 @@ struct ZELTA_LOCAL MibLeaf::Internal {
   // The checks of a SET value: 0, or the error status (notWritable,
   // wrongType, wrongLength, wrongValue).
   static int check_set(MibLeaf& leaf, const netsnmp_variable_list& vb) REQUIRES(libraryMutex());
-  // The parameter's verdict on a SET value, and an integer's range.
-  static bool value_ok(MibLeaf& leaf, const netsnmp_variable_list& vb) REQUIRES(libraryMutex());
   // Writes the value into the Variant and notifies its listener once.
   // Returns an SNMP error status (0 = done). A leaf that is not writable
   // ignores the write and returns 0.
