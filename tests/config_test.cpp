@@ -1,6 +1,9 @@
 // Settings that outlive the program that wrote them: two versions of one host
 // program on the same files, checked loading, and the factory reset, export
 // and import of settings while the agent serves them.
+#include <fcntl.h>
+#include <sys/stat.h>
+
 #include "snmp_fixture.h"
 
 using namespace zelta_test;
@@ -167,6 +170,19 @@ TEST(Settings, CheckedLoadingKeepsDefaultsAndLeavesRefusedLinesInTheFile) {
   EXPECT_EQ(dir.read("box.txt"),
             "volume.0 = 0:2:50\nname.0 = 0:4:\"cupboard9\"\ngateway.0 = 0:4:\"10.0.0.2\"\n"
             "address.0 = 0:4:\"1234\"\nmetrics.2 = 3:2:5 \n");
+
+  // Constructed without a value, a parameter's factory value is its type's
+  // default; a type without one keeps what it holds.
+  Param bare(group, INTEGER, Variant(), nullptr), odd(group, static_cast<ValueType>(99), Variant(), nullptr);
+  bare.setValue(5);
+  odd.setValue(5);
+  captureLog(WARNING, [&] { manager.factoryReset({&group}); });
+  EXPECT_EQ(bare.getValue().getLong(), 0);
+  EXPECT_EQ(odd.getValue().getLong(), 5);
+  bare.setValue(6);
+  std::string error;
+  captureLog(WARNING, [&] { ASSERT_TRUE(manager.importConfig("[box]\n# end of configuration\n", error)) << error; });
+  EXPECT_EQ(bare.getValue().getLong(), 0);
 }
 
 namespace {
@@ -260,6 +276,26 @@ TEST_F(SettingsAgentTest, ImportIsAllOrNothingAndServedAtOnce) {
             "volume.0 = 0:2:55\nname.0 = 0:4:\"den\"\nserial.0 = 0:4:\"SN1\"\nhidden.0 = 0:2:1\n");
   EXPECT_EQ(dir.read("network.txt"), "routes.4 = 3:64:10.9.0.0 4:2:5 \npresets.1 = 3:4:\"jazz\" \n");
   EXPECT_EQ(actions, std::vector<int>{ACTION_IMPORTED});
+
+  // Through files: a link keeps leading to the file the export replaces, a
+  // FIFO stays one and gets the text, and the import reads a file back.
+  const std::string now = device.manager.exportConfig();
+  dir.write("real.txt", "old");
+  ASSERT_EQ(symlink(dir.file("real.txt").c_str(), dir.file("link.txt").c_str()), 0);
+  ASSERT_TRUE(device.manager.exportConfigFile(dir.file("link.txt"), error)) << error;
+  struct stat info {};
+  EXPECT_TRUE(lstat(dir.file("link.txt").c_str(), &info) == 0 && S_ISLNK(info.st_mode));
+  EXPECT_EQ(dir.read("real.txt"), now);
+  ASSERT_EQ(mkfifo(dir.file("fifo").c_str(), 0600), 0);
+  const int reader = open(dir.file("fifo").c_str(), O_RDONLY | O_NONBLOCK);  // the text fits the pipe's buffer
+  ASSERT_GE(reader, 0);
+  ASSERT_TRUE(device.manager.exportConfigFile(dir.file("fifo"), error)) << error;
+  std::string piped(now.size() + 1, '\0');
+  piped.resize(static_cast<size_t>(std::max<ssize_t>(0, read(reader, piped.data(), piped.size()))));
+  close(reader);
+  EXPECT_EQ(piped, now);
+  EXPECT_TRUE(stat(dir.file("fifo").c_str(), &info) == 0 && S_ISFIFO(info.st_mode));
+  EXPECT_TRUE(device.manager.importConfigFile(dir.file("link.txt"), error)) << error;
 }
 
 TEST_F(SettingsAgentTest, FactoryResetIsServedAtOnceAndSaved) {

@@ -6,6 +6,7 @@
 
 #include <chrono>
 #include <memory>
+#include <optional>
 #include <thread>
 
 #include "test_util.h"
@@ -30,6 +31,18 @@ TEST(Param, DefaultsByType) {
   EXPECT_EQ(g.getParams().size(), 7u);
   g.addOwnedParam(&i);  // a second enrolment is ignored
   EXPECT_EQ(g.getParams().size(), 7u);
+  // A parameter built again at the address of a destroyed one keeps its
+  // entry and its place; one that outlives its group leaves it alone.
+  std::optional<Param> again(std::in_place, g, INTEGER, nullptr);
+  Param later(g, INTEGER, nullptr);
+  again.reset();
+  again.emplace(g, STRING, nullptr);
+  ASSERT_EQ(g.getParams().size(), 9u);
+  EXPECT_EQ(g.getParams()[7], &*again);
+  auto gone = std::make_unique<ParamGroup>("gone", "/nonexistent/gone.txt");
+  std::optional<Param> orphan(std::in_place, *gone, INTEGER, nullptr);
+  gone.reset();
+  orphan.reset();
   EXPECT_EQ(i.getValue().getListener(), &i);
 }
 

@@ -144,6 +144,23 @@ TEST(ParamFile, ReaderToleratesLayoutAndSkipsJunkKeepingWhatCameBefore) {
   EXPECT_NE(log.find("column 9 is not a valid field"), std::string::npos);
   EXPECT_EQ(example.def.fields.count(9), 0u);  // the definition is not touched by file content
   EXPECT_EQ(example.contacts.getValue().getTable().getRows().count({6, 1}), 0u);  // index of the wrong length
+
+  // On a table the agent serves, the row a bad line made is no active row
+  // and is not saved; an existing row keeps its state.
+  SNMP::SNMPInfo info("1.3.6.1.4.1.99999.7.9.1", SNMP::READCREATE);
+  Param served(example.group, TABLE, Variant(Table(&example.def)), &info);
+  example.manager.add("served", &served);
+  captureLog(INFO, [&] {
+    example.manager.loadFromFile(dir.write("in.txt",
+                                           "served.1 = 2:4:\"Hall\" \n"
+                                           "served.1 = 3:4:\"x\" \n"
+                                           "served.2 = 2:4:\"Porch\" 3:4:\"x\" \n"));
+  });
+  const Table& rows = served.getValue().getTable();
+  EXPECT_EQ(rows.getRowStatus({1}), 1);
+  EXPECT_EQ(rows.getRowStatus({2}), 2);
+  EXPECT_EQ(rows.getRow({2}).at(2).getString(), "Porch");
+  EXPECT_EQ(served.toFileText(), "served.1 = 2:4:\"Hall\" 3:2:0 \n");
 }
 
 // An empty string round-trips; an empty IP address is written but not read.

@@ -62,6 +62,8 @@ class ZELTA_EXPORT Param : public IChangeListener {
     std::string key;
     std::map<unsigned int, unsigned int> columns;  // former column -> today's; 0 drops the cell
   };
+  // Stays in its group's list: a parameter built again at this address in
+  // the same group takes the same entry.
   virtual ~Param();
   Param(const Param&) = delete;
   Param& operator=(const Param&) = delete;
@@ -237,10 +239,12 @@ class ZELTA_EXPORT ParamGroup {
   // When true, a load of the group's file keeps, byte for byte, the lines no
   // registered parameter reads (keys of another version of the host program,
   // comments, blank lines, anything that is no entry), and every save writes
-  // them after the group's own lines, so that an upgrade, a downgrade and an
-  // upgrade again lose nothing. Lines of other groups' parameters are read
-  // into those and not kept. Off by default: such lines are gone after the
-  // next save.
+  // them after the group's own lines, so that after an upgrade, a downgrade
+  // and an upgrade again the newer version finds its lines again. A change
+  // the older version made to a parameter the newer one renamed is lost:
+  // the newer version's current key wins over the former one. Lines of
+  // other groups' parameters are read into those and not kept. Off by
+  // default: such lines are gone after the next save.
   void setKeepForeignLines(bool keep) { keepForeign = keep; }
   bool keepsForeignLines() const { return keepForeign; }
   // The lines kept, each ending in "\n".
@@ -262,6 +266,9 @@ class ZELTA_EXPORT ParamGroup {
 
   // How a parameter's constructor enrols it: without addOwnedParam's search.
   ZELTA_LOCAL void enrol(Param* param);
+  // A parameter of `group` is destroyed; one may be built again at its
+  // address. `group` may be gone already: it is only compared.
+  ZELTA_LOCAL static void leave(const ParamGroup* group, const Param* param);
   ZELTA_LOCAL void workerCode();
   // Sleeps one tick; false when the countdown is to end at once (the process
   // exits, or the group goes away).

@@ -77,7 +77,8 @@ class ZELTA_EXPORT ParamManager {
   // `groups` means every registered group.
 
   // Gives every parameter of the groups that is saved (NEVER_SAVE ones hold
-  // state, not settings) the value it was constructed with; the hooks get
+  // state, not settings) the value it was constructed with (constructed
+  // without one: the default of its type, if it has one); the hooks get
   // ACTION_FACTORY_RESET. The groups' kept foreign lines and the lines a
   // checked load refused are dropped: the files then hold the defaults only.
   void factoryReset(const std::vector<ParamGroup*>& groups = {});
@@ -88,7 +89,8 @@ class ZELTA_EXPORT ParamManager {
   // lines; then a last line "# end of configuration".
   std::string exportConfig(const std::vector<ParamGroup*>& groups = {}) const;
   // exportConfig written to `path`, the old file replaced only by a whole new
-  // one. False, with `error` set, when it cannot be written.
+  // one (through a link, the file it leads to); a FIFO or a device is written
+  // into as it is. False, with `error` set, when it cannot be written.
   bool exportConfigFile(const std::string& path, std::string& error, const std::vector<ParamGroup*>& groups = {}) const;
 
   // Applies such a text, all or nothing, to those of the groups it has a

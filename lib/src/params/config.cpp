@@ -10,11 +10,14 @@
 // An import is read and checked in full before anything changes; the values
 // are then set in one hold of the library lock.
 #include <fcntl.h>
+#include <pthread.h>
+#include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <map>
 #include <memory>
@@ -23,6 +26,7 @@
 #include "base/atomicfile.h"
 #include "base/liblock.h"
 #include "params/groupfile.h"
+#include "values/valuecodec.h"
 #include "zelta/logging.h"
 #include "zelta/parammanager.h"
 
@@ -41,14 +45,31 @@ struct Assignment {
   Variant value;
 };
 
-// The value a parameter was constructed with. A table constructed without
-// its definition (the host gave it one later) keeps the one it has.
+// The value a parameter was constructed with; constructed without one (an
+// UNDEFINED value), the default of its type, as the constructor without a
+// value gives. A table constructed without its definition (the host gave it
+// one later) keeps the one it has.
 Variant factoryValueOf(const Param& param) REQUIRES(libraryMutex()) {
   const Variant& factory = param.getFactoryValue();
-  if (param.getType() == TABLE && factory.getType() == VariantType::TABLEDEF &&
-      factory.getTable().getDef() == nullptr && param.getValue().getType() == VariantType::TABLEDEF)
-    return Variant(Table(param.getValue().getTable().getDef()));
+  const Variant& held = param.getValue();
+  const bool none = factory.getType() == VariantType::UNDEFINED;
+  if (param.getType() == TABLE && held.getType() == VariantType::TABLEDEF &&
+      (none || (factory.getType() == VariantType::TABLEDEF && factory.getTable().getDef() == nullptr)))
+    return Variant(Table(held.getTable().getDef()));
+  if (none)
+    if (const ValueCodec* codec = ValueCodec::of(param.getType())) return codec->defaultValue();
   return factory;
+}
+
+// Stages the factory value of a parameter that is saved. One of another kind
+// than the value held (a type without a default, constructed without a
+// value) is not staged: the parameter keeps its value.
+void stageFactoryValue(std::vector<Assignment>& values, Param* param) REQUIRES(libraryMutex()) {
+  if (param->getSavePolicy() == NEVER_SAVE) return;
+  Variant factory = factoryValueOf(*param);
+  const VariantType held = param->getValue().getType();
+  if (held != VariantType::UNDEFINED && factory.getType() != held) return;
+  values.push_back(Assignment{param, std::move(factory)});
 }
 
 // Sets every value in one hold of the library lock, with the groups' new
@@ -65,6 +86,37 @@ void apply(std::vector<Assignment>& values, std::vector<std::pair<ParamGroup*, s
       if (a.param->getGroup()->isActive()) Param::Internal::runPostSets_nolock(*a.param, &info);
   }
   for (ParamGroup* group : groups) group->save();
+}
+
+// Writes `text` into the FIFO or device at `path`. A reader that goes away
+// gives EPIPE, not a SIGPIPE that would end the host.
+bool writeInPlace(const std::string& path, const std::string& text) {
+  const int fd = open(path.c_str(), O_WRONLY | O_TRUNC | O_CLOEXEC);
+  if (fd < 0) return false;
+  sigset_t pipeSignal, before, pending;
+  sigemptyset(&pipeSignal);
+  sigaddset(&pipeSignal, SIGPIPE);
+  pthread_sigmask(SIG_BLOCK, &pipeSignal, &before);
+  const bool wasPending = sigpending(&pending) == 0 && sigismember(&pending, SIGPIPE) == 1;
+  size_t done = 0;
+  while (done < text.size()) {
+    const ssize_t n = write(fd, text.data() + done, text.size() - done);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) {
+      if (n == 0) errno = EIO;
+      break;
+    }
+    done += static_cast<size_t>(n);
+  }
+  const int why = errno;
+  if (done < text.size() && why == EPIPE && !wasPending) {
+    const struct timespec none {};
+    sigtimedwait(&pipeSignal, nullptr, &none);
+  }
+  pthread_sigmask(SIG_SETMASK, &before, nullptr);
+  const bool ok = close(fd) == 0 && done == text.size();
+  if (done < text.size()) errno = why;
+  return ok;
 }
 
 std::string groupNames(const std::vector<ParamGroup*>& groups) {
@@ -290,7 +342,7 @@ bool Importer::closeSection(std::string& error) {
   for (Param* param : group->getParams()) {
     auto staged = section->staged.find(param);
     if (staged == section->staged.end()) {
-      if (param->getSavePolicy() != NEVER_SAVE) values.push_back(Assignment{param, factoryValueOf(*param)});
+      stageFactoryValue(values, param);
     } else if (param->getType() == TABLE) {
       Table empty(param->getValue().getTable().getDef());
       values.push_back(Assignment{param, Variant(staged->second.rows ? *staged->second.rows : empty)});
@@ -313,8 +365,7 @@ void ParamManager::factoryReset(const std::vector<ParamGroup*>& which) {
   {
     LibraryLockGuard lock(libraryMutex());
     for (ParamGroup* group : targets) {
-      for (Param* param : group->getParams())
-        if (param->getSavePolicy() != NEVER_SAVE) values.push_back(Assignment{param, factoryValueOf(*param)});
+      for (Param* param : group->getParams()) stageFactoryValue(values, param);
       foreign.emplace_back(group, std::string());
     }
   }
@@ -344,7 +395,18 @@ std::string ParamManager::exportConfig(const std::vector<ParamGroup*>& which) co
 
 bool ParamManager::exportConfigFile(const std::string& path, std::string& error,
                                     const std::vector<ParamGroup*>& which) const {
-  if (internal::replaceFile(path, exportConfig(which))) return true;
+  const std::string text = exportConfig(which);
+  // A regular file (also one a link leads to) and a missing one are replaced
+  // whole; a FIFO or a device, or a link to one, stays what it is and is
+  // written into.
+  struct stat info {};
+  const bool inPlace = stat(path.c_str(), &info) == 0 && !S_ISREG(info.st_mode);
+  std::string target = path;
+  if (!inPlace && lstat(path.c_str(), &info) == 0 && S_ISLNK(info.st_mode)) {
+    std::unique_ptr<char, decltype(&free)> real(realpath(path.c_str(), nullptr), &free);
+    if (real) target = real.get();
+  }
+  if (inPlace ? writeInPlace(path, text) : internal::replaceFile(target, text)) return true;
   error = printed("cannot write '%s': %s", path.c_str(), strerror(errno));
   return false;
 }
@@ -378,12 +440,19 @@ bool ParamManager::importConfigFile(const std::string& path, std::string& error,
     error = printed("'%s' is %lld bytes, more than the %zu an import takes", path.c_str(),
                     static_cast<long long>(info.st_size), kMaxConfigBytes);
   } else {
-    // Read up to one byte past the limit: a file that grew meanwhile is
-    // still refused by the import.
-    text.resize(kMaxConfigBytes + 1);
+    // Room for the file as it is and one byte more, grown while reads fill
+    // it, up to one byte past the limit: a file that grew meanwhile is still
+    // refused by the import.
+    const size_t most = kMaxConfigBytes + 1;
+    text.resize(static_cast<size_t>(info.st_size) + 1);
     size_t got = 0;
     read = true;
-    for (ssize_t n; got < text.size() && (n = ::read(fd, &text[got], text.size() - got)) != 0;) {
+    for (ssize_t n = 1; n != 0;) {
+      if (got == text.size()) {
+        if (got == most) break;
+        text.resize(std::min(most, 2 * got));
+      }
+      n = ::read(fd, &text[got], text.size() - got);
       if (n < 0 && errno == EINTR) continue;
       if (n < 0) {
         error = printed("cannot read '%s': %s", path.c_str(), strerror(errno));

@@ -614,8 +614,12 @@ bool GroupFileReader::setTableRow(std::string_view value, Param* param,
   // making defaults that the line then replaces.
   if (created) table->completeRow(row);
   // A loaded row is active at once, also one an SNMP manager had not
-  // activated, and nobody is told.
-  if (read) Param::Internal::publishRow_nolock(*param, index);
+  // activated, and nobody is told. A row a bad line made keeps its cells but
+  // is no SNMP row: the agent would serve and save defaults nobody set.
+  if (read)
+    Param::Internal::publishRow_nolock(*param, index);
+  else if (created && param->isSnmpEntry())
+    table->setRowStatus(index, false);
   return read;
 }
 

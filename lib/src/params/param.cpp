@@ -31,7 +31,9 @@ Param::Param(ParamGroup& paramGroup, ValueType paramType, SNMP::SNMPInfo* info, 
   group->enrol(this);
 }
 
-Param::~Param() = default;
+// The group keeps its entry for this address (it is not dereferenced), so
+// that a parameter built here again is listed once, in the same place.
+Param::~Param() { ParamGroup::leave(group, this); }
 
 void Param::fillValue(const Variant& initial) {
   value = initial;

@@ -6,6 +6,7 @@
 #include <dirent.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <condition_variable>
@@ -15,7 +16,10 @@
 #include <cstring>
 #include <map>
 #include <mutex>
+#include <set>
 #include <thread>
+#include <unordered_set>
+#include <utility>
 #include <vector>
 
 #include "base/atomicfile.h"
@@ -52,6 +56,30 @@ struct FileWrites {
 FileWrites& fileWrites() {
   static auto* writes = new FileWrites();  // never destroyed: workers may save during exit
   return *writes;
+}
+
+// Parameters destroyed while their group lives. A parameter built later at
+// the same address in that group already has its entry in the group's list:
+// it takes that entry (and its place in the file) instead of a second one.
+// Empty unless the host destroys parameters, so that enrolling stays one
+// push; the live groups are known so that a parameter outliving its group
+// leaves nothing behind.
+struct Departures {
+  Mutex mutex ACQUIRED_AFTER(libraryMutex());
+  std::unordered_set<const ParamGroup*> groups GUARDED_BY(mutex);
+  std::set<std::pair<const ParamGroup*, const Param*>> params GUARDED_BY(mutex);
+  std::atomic<bool> any{false};  // params is not empty
+};
+
+Departures& departures() {
+  static auto* all = new Departures();  // never destroyed: groups and parameters may end during exit
+  return *all;
+}
+
+void groupBorn(const ParamGroup* group) {
+  Departures& all = departures();
+  MutexLock lock(all.mutex);
+  all.groups.insert(group);
 }
 
 bool writeAll(FILE* file, const std::string& text) {
@@ -114,11 +142,24 @@ struct SaveAtExit {
 
 }  // namespace
 
-ParamGroup::ParamGroup() : name(kNoName) {}
+ParamGroup::ParamGroup() : name(kNoName) { groupBorn(this); }
 
-ParamGroup::ParamGroup(const std::string& groupName, const std::string& path) { setParams(groupName, path); }
+ParamGroup::ParamGroup(const std::string& groupName, const std::string& path) {
+  setParams(groupName, path);
+  groupBorn(this);
+}
 
 ParamGroup::~ParamGroup() {
+  {
+    Departures& all = departures();
+    MutexLock lock(all.mutex);
+    all.groups.erase(this);
+    auto& gone = all.params;
+    auto first = gone.lower_bound({this, nullptr}), last = first;
+    while (last != gone.end() && last->first == this) ++last;
+    gone.erase(first, last);
+    all.any = !gone.empty();
+  }
   // A worker still counting for this group ends without saving: the group's
   // parameters may be gone already. A save in flight is waited for.
   SaveWorkers& workers = saveWorkers();
@@ -138,7 +179,9 @@ ParamGroup::ParamGroup(const ParamGroup& other)
       atomicSave(other.atomicSave),
       keepForeign(other.keepForeign),
       checkedLoading(other.checkedLoading),
-      foreignLines(other.getForeignLines()) {}
+      foreignLines(other.getForeignLines()) {
+  groupBorn(this);
+}
 
 ParamGroup& ParamGroup::operator=(const ParamGroup& other) {
   if (this != &other) {
@@ -173,10 +216,29 @@ void ParamGroup::addOwnedParam(Param* param) {
   params.push_back(param);
 }
 
-// A parameter under construction cannot be enrolled yet: no search, so that
-// a device with many parameters enrols them in linear time, and nothing
-// beside the list.
-void ParamGroup::enrol(Param* param) { params.push_back(param); }
+// A parameter under construction cannot be enrolled yet, unless one at its
+// address was destroyed: no search, so that a device with many parameters
+// enrols them in linear time, and nothing beside the list.
+void ParamGroup::enrol(Param* param) {
+  Departures& all = departures();
+  if (all.any.load()) {
+    MutexLock lock(all.mutex);
+    if (all.params.erase({this, param}) != 0) {
+      all.any = !all.params.empty();
+      ZELTA_TRACE_AS("addOwnedParam");
+      return;
+    }
+  }
+  params.push_back(param);
+}
+
+void ParamGroup::leave(const ParamGroup* group, const Param* param) {
+  Departures& all = departures();
+  MutexLock lock(all.mutex);
+  if (all.groups.count(group) == 0) return;  // the group is gone: never dereferenced
+  all.params.insert({group, param});
+  all.any = true;
+}
 
 bool ParamGroup::save() {
   ZELTA_ASSERT(name != kNoName, "name != \"__NO_NAME__\"");
